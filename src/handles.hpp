@@ -1,0 +1,53 @@
+// Owners of C handles. A raw pointer or descriptor elsewhere in the library is always borrowed.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <json-c/json.h>
+
+namespace vandrel {
+
+template <auto Release> struct released_by {
+    template <typename Handle> void operator()(Handle *handle) const noexcept { Release(handle); }
+};
+
+using c_string = std::unique_ptr<char, released_by<::free>>;
+using file_handle = std::unique_ptr<FILE, released_by<::fclose>>;
+using pipe_handle = std::unique_ptr<FILE, released_by<::pclose>>;
+using dir_handle = std::unique_ptr<DIR, released_by<::closedir>>;
+using json_handle = std::unique_ptr<json_object, released_by<::json_object_put>>;
+
+/// Owns a descriptor; -1 is none.
+class unique_fd {
+public:
+    unique_fd() noexcept = default;
+    explicit unique_fd(int fd) noexcept : fd_{fd} {}
+    unique_fd(unique_fd &&other) noexcept : fd_{other.release()} {}
+    unique_fd &operator=(unique_fd &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    ~unique_fd() { reset(); }
+
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    int release() noexcept { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) noexcept
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+} // namespace vandrel
