@@ -1,0 +1,59 @@
+// What tests share: a fixture on an empty device with the log open, the records that arrived, files, and refused
+// memory.
+#pragma once
+
+#include "device.hpp"
+
+#include <cstddef>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+/// A log record as it reached /dev/log; err is the number in its "error" tag, or -1 without one.
+struct record {
+    int severity;
+    std::string text;
+    std::string module; // "zones.c", without the line
+    int err = -1;
+
+    bool operator==(const record &) const = default;
+};
+using records = std::vector<record>;
+std::ostream &operator<<(std::ostream &out, const record &entry);
+
+record error(std::string text, std::string module, int err = -1);
+record warning(std::string text, std::string module, int err = -1);
+record info(std::string text, std::string module, int err = -1);
+
+class device_test : public testing::Test {
+protected:
+    device_test();
+    ~device_test() override;
+
+    /// The records since the last call. With at_least, waits some seconds until that many are there.
+    records log(std::size_t at_least = 0) const;
+    /// The same, each as it came, with priority, time stamp, program name and all.
+    std::vector<std::string> raw_log(std::size_t at_least = 0) const;
+
+private:
+    int socket_;
+};
+
+void write_file(const std::string &path, std::string_view content, mode_t mode = 0644);
+void write_script(const std::string &path, std::string_view content);
+std::string read_file(const std::string &path); // empty when there is none
+int open_descriptors();                         // how many the process has
+
+/// While it lives, the n-th allocation (from 1) that libvandrel makes itself, and only that one, is refused.
+class allocation_refusal {
+public:
+    explicit allocation_refusal(int n);
+    ~allocation_refusal();
+    allocation_refusal(const allocation_refusal &) = delete;
+    allocation_refusal &operator=(const allocation_refusal &) = delete;
+    bool happened() const;
+};
