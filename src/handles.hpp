@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <dirent.h>
+#include <sys/capability.h>
 #include <unistd.h>
 
 #include <json-c/json.h>
@@ -21,6 +22,7 @@ using c_string = std::unique_ptr<char, released_by<::free>>;
 using file_handle = std::unique_ptr<FILE, released_by<::fclose>>;
 using pipe_handle = std::unique_ptr<FILE, released_by<::pclose>>;
 using dir_handle = std::unique_ptr<DIR, released_by<::closedir>>;
+using capability_handle = std::unique_ptr<_cap_struct, released_by<::cap_free>>;
 using json_handle = std::unique_ptr<json_object, released_by<::json_object_put>>;
 
 /// Owns a descriptor; -1 is none.

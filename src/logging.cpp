@@ -1,6 +1,7 @@
 #include "logging.h"
 
 #include "handles.hpp"
+#include "logging.hpp"
 
 #include <cstdarg>
 #include <cstdlib>
@@ -18,6 +19,9 @@ extern "C" {
 namespace {
 
 using namespace vandrel;
+
+// The name of the library's own context. libevtlog gives it to syslog once, at the first record, and never again.
+const char *log_name = nullptr;
 
 constexpr std::size_t position_room = 16; // ":", a line number and the NUL
 
@@ -51,6 +55,13 @@ void add_tag(EVTREC *record, EVTTAG *tag)
 
 } // namespace
 
+void vandrel::disconnect_log() noexcept
+{
+    closelog(); // in glibc this also drops the name
+    if (log_name)
+        openlog(log_name, LOG_PID, LOG_DAEMON);
+}
+
 logging_ctx *libvandrel_logcontext = nullptr;
 
 logging_ctx *vd_logging_initialize(const char *ident, int echo_stderr)
@@ -65,6 +76,7 @@ logging_ctx *vd_logging_initialize(const char *ident, int echo_stderr)
 
 logging_ctx *logging_init(const char *ident, int echo_stderr)
 {
+    log_name = ident;
     libvandrel_logcontext = vd_logging_initialize(ident, echo_stderr);
     return libvandrel_logcontext;
 }

@@ -1,0 +1,193 @@
+#include "daemon_tools.h"
+
+#include "handles.hpp"
+#include "log.hpp"
+#include "logging.hpp"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/securebits.h>
+#include <pwd.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace vandrel;
+
+constexpr char log_module[] = "daemon_tools.c";
+constexpr char null_device[] = "/dev/null";
+constexpr mode_t default_umask = 027;
+
+int change_group(const char *user, const char *group, bool keep_supplementary_groups)
+{
+    const struct group *entry = getgrnam(group);
+    if (!entry) {
+        log_error("Didn't find group '%s' for setting process group id", group);
+        return -8;
+    }
+    const gid_t gid = entry->gr_gid; // initgroups reads the group file too and may overwrite the entry
+    if (user && !keep_supplementary_groups && initgroups(user, gid) != 0) {
+        log_error_errno("initgroups() failed");
+        return -9;
+    }
+    if (setgid(gid) != 0) {
+        log_error_errno("Unable to set group id to %u (name '%s')", gid, group);
+        return -7;
+    }
+    return 0;
+}
+
+int change_user(const char *user)
+{
+    const struct passwd *entry = getpwnam(user);
+    if (!entry) {
+        log_error("Didn't find user '%s' for setting process user id", user);
+        return -5;
+    }
+    if (setuid(entry->pw_uid) != 0) {
+        log_error_errno("Unable to set user id to %u (name '%s')", entry->pw_uid, user);
+        return -6;
+    }
+    return 0;
+}
+
+int change_ids(const daemonize_options &options)
+{
+    if (!options.user && !options.group)
+        return 0;
+    // Without this the kernel empties the capability sets when root becomes somebody else.
+    constexpr unsigned long keep = SECBIT_NO_SETUID_FIXUP | SECBIT_NO_SETUID_FIXUP_LOCKED;
+    if (options.capabilities && prctl(PR_SET_SECUREBITS, keep, 0L, 0L, 0L) != 0) {
+        log_error_errno("Setting securebits failed");
+        return -20;
+    }
+    const int failure =
+        vd_set_process_uid_and_gid_by_names(options.user, options.group, options.keep_supplementary_groups);
+    if (failure != 0) {
+        log_error("Failed to change uid and gid, error %d", failure);
+        return -21;
+    }
+    return 0;
+}
+
+int reduce_capabilities(const daemonize_options &options)
+{
+    if (!options.capabilities)
+        return 0;
+    capability_handle state{cap_get_proc()};
+    if (!state) {
+        log_error("cap_get_proc() failed");
+        return -22;
+    }
+    cap_clear(state.get());
+    if (cap_set_flag(state.get(), CAP_PERMITTED, options.capability_count, options.capabilities, CAP_SET) != 0) {
+        log_error("cap_set_flag() with CAP_PERMITTED failed");
+        return -23;
+    }
+    if (cap_set_flag(state.get(), CAP_EFFECTIVE, options.capability_count, options.capabilities, CAP_SET) != 0) {
+        log_error("cap_set_flag() with CAP_EFFECTIVE failed");
+        return -24;
+    }
+    if (cap_set_proc(state.get()) != 0) {
+        log_error_errno("cap_set_proc() failed");
+        return -25;
+    }
+    if (cap_free(state.release()) != 0) {
+        log_error("cap_free() failed");
+        return -26;
+    }
+    return 0;
+}
+
+/// Goes on in the grandchild, which is in a new session but doesn't lead it and so can't gain a terminal by opening it.
+int detach()
+{
+    std::fflush(nullptr); // or each of the processes would write out what is buffered here
+    const pid_t child = fork();
+    if (child < 0) {
+        log_error_errno("Error, cannot fork, %s\n", std::strerror(errno)); // the newline is part of the message
+        return -1;
+    }
+    if (child > 0)
+        std::exit(0);
+    if (setsid() < 0) {
+        log_error_errno("Error, setsid failed, %s\n", std::strerror(errno));
+        return -2;
+    }
+    const pid_t grandchild = fork();
+    if (grandchild < 0) {
+        log_error_errno("Error, cannot fork second time, %s\n", std::strerror(errno));
+        return -3;
+    }
+    if (grandchild > 0)
+        std::exit(0);
+    return 0;
+}
+
+/// Closes all descriptors in one call, which doesn't grow with the limit, where the kernel has it (5.9). The C library
+/// may be older than the kernel or lack the wrapper, as musl does.
+bool close_range_of_all()
+{
+#ifdef SYS_close_range
+    return syscall(SYS_close_range, 0U, ~0U, 0U) == 0;
+#else
+    return false;
+#endif
+}
+
+void close_descriptors()
+{
+    disconnect_log();
+    if (close_range_of_all())
+        return;
+    for (int fd = getdtablesize(); fd >= 0; --fd)
+        close(fd);
+}
+
+void open_standard_descriptors()
+{
+    const int fd = open(null_device, O_RDWR);
+    for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        dup2(fd, standard);
+    if (fd > STDERR_FILENO)
+        close(fd);
+}
+
+} // namespace
+
+int vd_set_process_uid_and_gid_by_names(const char *user, const char *group, bool keep_supplementary_groups)
+{
+    if (group) {
+        if (const int failure = change_group(user, group, keep_supplementary_groups); failure != 0)
+            return failure;
+    }
+    return user ? change_user(user) : 0;
+}
+
+int vd_daemonize(const daemonize_options *options)
+{
+    if (options) {
+        if (const int failure = change_ids(*options); failure != 0)
+            return failure;
+        if (const int failure = reduce_capabilities(*options); failure != 0)
+            return failure;
+    }
+    if (const int failure = detach(); failure != 0)
+        return failure;
+
+    close_descriptors();
+    open_standard_descriptors();
+    umask(options ? options->umask : default_umask);
+    if (chdir("/") != 0) {
+        log_error("Error, cannot change directory into /");
+        return -4;
+    }
+    return 0;
+}
