@@ -29,8 +29,8 @@ extern logging_ctx *libvandrel_logcontext;
 /**
  * Opens a context of the caller's own, with the facility LOG_DAEMON.
  *
- * ident        the program name that records carry, borrowed until the process ends: libevtlog and syslog keep its
- *              address. NULL takes the name that the program was started under.
+ * ident        the program name that records carry, borrowed until the process ends: syslog keeps its address. The name
+ *              of the first context that logs stays. NULL takes the name that the program was started under.
  * echo_stderr  stored unchanged in the context.
  *
  * Returns a new context, which vd_logging_close releases, or NULL when memory runs out. When libevtlog fails, the

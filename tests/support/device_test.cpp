@@ -53,7 +53,8 @@ record parse(const std::string &raw)
 {
     const std::size_t stamp = raw.find('>') + sizeof "Nov 22 22:55:00";
     const std::size_t begin = raw.find(": ", stamp) + 2;
-    const std::size_t end = std::min(raw.size(), raw.rfind("; ")); // a ; of the text is escaped
+    const std::size_t end =
+        raw.ends_with(';') ? raw.size() - 1 : std::min(raw.size(), raw.rfind("; ")); // without tags: ;
     const std::string tail = raw.substr(end);
     record result{LOG_PRI(std::stoi(raw.substr(1))), unescape(raw.substr(begin, end - begin)), tag(tail, "filename"),
                   -1};
