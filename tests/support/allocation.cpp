@@ -82,6 +82,7 @@ void *checked_new(std::size_t size, const void *caller)
 
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
 
+#pragma GCC visibility push(default) // a hidden one would not stand before the C library's
 extern "C" {
 
 void *malloc(std::size_t size)
@@ -115,6 +116,7 @@ int vasprintf(char **text, const char *format, va_list args)
 }
 
 } // extern "C"
+#pragma GCC visibility pop
 
 void *operator new(std::size_t size)
 {
