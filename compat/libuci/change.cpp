@@ -1,0 +1,287 @@
+#include "change.hpp"
+
+#include "text.hpp"
+
+#include <memory>
+
+namespace libuci {
+
+namespace {
+
+template <typename Object> void remove_object(Object *object) noexcept
+{
+    unlink(object->e);
+    delete object;
+}
+
+void remove_text(text_element *object) noexcept
+{
+    unlink(*object);
+    delete object;
+}
+
+outcome set(package &to, const change &what, section *at)
+{
+    const std::string_view value = *what.value;
+    if (!what.option.empty()) {
+        if (!at)
+            return {UCI_ERR_INVAL};
+        option *old = at->find(what.option);
+        if (old && old->type == UCI_TYPE_STRING && old->text == value)
+            return {UCI_OK, false, at, old};
+        return {UCI_OK, true, at, &set_option(*at, what.option, value)};
+    }
+    if (!is_printable(value))
+        return {UCI_ERR_INVAL};
+    const bool same = at && at->type_text == value;
+    if (!at) {
+        at = &to.append(value, what.section);
+    } else if (!same) {
+        std::string fresh{value};
+        at->retype(fresh);
+    }
+    if (what.kind == change_kind::add)
+        at->anonymous = true;
+    return {UCI_OK, !same, at, nullptr};
+}
+
+outcome remove_numbered(option &from, std::string_view text)
+{
+    const auto number = to_number(text);
+    if (!number)
+        return {UCI_ERR_INVAL};
+    long index = 0;
+    for (text_element &item : items{from.v.list}) {
+        if (index++ == *number) {
+            remove_text(&item);
+            return {UCI_OK, true};
+        }
+    }
+    return {};
+}
+
+outcome remove(const change &what, section *at, option *old)
+{
+    if (!at || (!what.option.empty() && !old))
+        return {UCI_ERR_NOTFOUND};
+    if (!old)
+        remove_object(at);
+    else if (old->type == UCI_TYPE_LIST && !what.value.value_or("").empty())
+        return remove_numbered(*old, *what.value);
+    else
+        remove_object(old);
+    return {UCI_OK, true};
+}
+
+outcome remove_equal(option *from, std::string_view value)
+{
+    if (!from || from->type != UCI_TYPE_LIST)
+        return {UCI_ERR_NOTFOUND};
+    outcome result;
+    uci_element *item;
+    uci_element *next;
+    uci_foreach_element_safe (&from->v.list, next, item) {
+        if (value == item->name) {
+            remove_text(&to_text(&item->list));
+            result.changed = true;
+        }
+    }
+    return result;
+}
+
+outcome rename(package &to, const change &what, section *at, option *old)
+{
+    std::string fresh{*what.value};
+    if (!at || (!what.option.empty() && !old))
+        return {UCI_ERR_NOTFOUND};
+    if (!is_name(fresh))
+        return {UCI_ERR_INVAL};
+    if (old ? at->find(fresh) != nullptr : to.find(fresh) != nullptr)
+        return {UCI_ERR_DUPLICATE};
+    if (old) {
+        old->name.swap(fresh);
+        old->e.name = old->name.data();
+    } else {
+        at->rename(fresh);
+        at->anonymous = false;
+    }
+    return {UCI_OK, true};
+}
+
+outcome move(package &to, const change &what, section *at)
+{
+    if (!at || !what.option.empty())
+        return {UCI_ERR_NOTFOUND};
+    const auto index = to_number(*what.value);
+    if (!index || *index < 0)
+        return {UCI_ERR_INVAL};
+    unlink(at->e);
+    uci_list &all = to.uci_package::sections;
+    uci_list *position = all.next;
+    for (long passed = 0; passed < *index && position != &all; ++passed)
+        position = position->next;
+    link_before(*position, at->e);
+    return {UCI_OK, true};
+}
+
+/// The change that a line's argument describes, or nothing if it describes none of this package.
+std::optional<change> parse_change(std::string_view package_name, change_kind kind, std::string_view text)
+{
+    if (!text.starts_with(package_name) || text.substr(package_name.size(), 1) != ".")
+        return std::nullopt;
+    std::string_view path = text.substr(package_name.size() + 1);
+    change result{kind, {}, {}, {}};
+    if (const auto equals = path.find('='); equals != path.npos) {
+        result.value = path.substr(equals + 1);
+        path = path.substr(0, equals);
+    }
+    const auto dot = path.find('.');
+    result.section = path.substr(0, dot);
+    const bool has_option = dot != path.npos;
+    if (has_option)
+        result.option = path.substr(dot + 1);
+
+    const bool needs_value = kind != change_kind::remove;
+    const bool needs_option = kind == change_kind::add_item || kind == change_kind::remove_item;
+    if (!is_name(result.section) || (has_option && !is_name(result.option)) || (needs_value && !result.value) ||
+        (needs_option && !has_option) || !is_value(result.value.value_or("")))
+        return std::nullopt;
+    return result;
+}
+
+/// Calls body with each change that a change file has for the package, skipping lines that are none.
+template <typename Body> void for_each_change(std::string_view package_name, std::string_view content, Body &&body)
+{
+    command_reader reader{content};
+    while (reader.next_line()) {
+        reader.skip_space();
+        change_kind kind = change_kind::set;
+        for (const change_kind other : {change_kind::add, change_kind::remove, change_kind::add_item,
+                                        change_kind::remove_item, change_kind::rename, change_kind::move}) {
+            if (kind == change_kind::set && reader.take(static_cast<char>(other)))
+                kind = other;
+        }
+        std::string text;
+        try {
+            text = reader.word();
+        } catch (const parse_failure &) {
+            continue;
+        }
+        if (!reader.nothing_left())
+            continue;
+        if (const auto found = parse_change(package_name, kind, text))
+            body(*found);
+    }
+}
+
+} // namespace
+
+option &set_option(section &in, std::string_view name, std::string_view value)
+{
+    std::string fresh{value};
+    if (option *old = in.find(name)) {
+        old->become_string(fresh);
+        return *old;
+    }
+    auto added = std::make_unique<option>(in, name, std::move(fresh));
+    link_before(in.uci_section::options, added->e);
+    return *added.release();
+}
+
+option &add_item(section &in, std::string_view name, std::string_view value)
+{
+    auto item = std::make_unique<text_element>(UCI_TYPE_ITEM, value);
+    option *list = in.find(name);
+    if (!list) {
+        auto added = std::make_unique<option>(in, name, std::string{});
+        added->become_list();
+        link_before(in.uci_section::options, added->e);
+        list = added.release();
+    } else if (list->type == UCI_TYPE_STRING) {
+        auto first = std::make_unique<text_element>(UCI_TYPE_ITEM, list->text);
+        list->become_list();
+        link_before(list->v.list, *first.release());
+    }
+    link_before(list->v.list, *item.release());
+    return *list;
+}
+
+outcome apply(package &to, const change &what)
+{
+    section *at = to.find(what.section);
+    option *old = at && !what.option.empty() ? at->find(what.option) : nullptr;
+    switch (what.kind) {
+    case change_kind::set:
+    case change_kind::add:
+        if (!what.value->empty() || (!what.option.empty() && !at))
+            return set(to, what, at);
+        return {UCI_OK, remove(what, at, old).changed, what.option.empty() ? nullptr : at, nullptr};
+    case change_kind::remove:
+        return remove(what, at, old);
+    case change_kind::add_item:
+        if (!at)
+            return {UCI_ERR_INVAL};
+        return {UCI_OK, true, at, &add_item(*at, what.option, *what.value)};
+    case change_kind::remove_item:
+        return remove_equal(old, *what.value);
+    case change_kind::rename:
+        return rename(to, what, at, old);
+    case change_kind::move:
+        return move(to, what, at);
+    }
+    return {UCI_ERR_INVAL};
+}
+
+outcome make(package &to, const change &what)
+{
+    // room first: after the change nothing may fail any more
+    const std::string line = change_line(to.name, what);
+    if (to.has_delta)
+        to.unsaved.reserve(to.unsaved.size() + line.size());
+    const outcome result = apply(to, what);
+    if (result.changed && to.has_delta)
+        to.unsaved += line;
+    return result;
+}
+
+std::string change_line(std::string_view package_name, const change &what)
+{
+    const bool deletes = what.kind == change_kind::set && what.value->empty();
+    const change_kind kind = deletes ? change_kind::remove : what.kind;
+    std::string line;
+    if (kind != change_kind::set)
+        line += static_cast<char>(kind);
+    line += escaped(package_name);
+    line += '.';
+    line += what.section;
+    if (!what.option.empty()) {
+        line += '.';
+        line += what.option;
+    }
+    if (what.value && !deletes) {
+        line += '=';
+        line += quoted(*what.value);
+    }
+    return line += '\n';
+}
+
+std::size_t apply_lines(package &to, std::string_view content)
+{
+    std::size_t applied = 0;
+    for_each_change(to.name, content, [&](const change &what) { applied += apply(to, what).code == UCI_OK; });
+    return applied;
+}
+
+std::string lines_without(std::string_view package_name, std::string_view content, std::string_view section,
+                          std::string_view option)
+{
+    std::string rest;
+    for_each_change(package_name, content, [&](const change &what) {
+        const bool about = section.empty() || (what.section == section && (option.empty() || what.option == option));
+        if (!about)
+            rest += change_line(package_name, what);
+    });
+    return rest;
+}
+
+} // namespace libuci

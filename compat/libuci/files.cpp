@@ -1,0 +1,193 @@
+#include "files.hpp"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace libuci {
+
+namespace {
+
+struct closes_folder {
+    void operator()(DIR *folder) const noexcept { ::closedir(folder); }
+};
+struct frees {
+    void operator()(char *text) const noexcept { ::free(text); }
+};
+
+void check(bool done)
+{
+    if (!done)
+        throw failure{UCI_ERR_IO};
+}
+
+void write_whole(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t written = ::write(fd, text.data(), text.size());
+        check(written > 0 || (written < 0 && errno == EINTR));
+        if (written > 0)
+            text.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+/// A new file beside the one that it is to replace; removed again unless it did.
+class successor {
+public:
+    successor(const std::string &folder, const std::string &prefix) : path_{folder + '/' + prefix + "XXXXXX"}
+    {
+        fd_ = descriptor{::mkostemp(path_.data(), O_CLOEXEC)};
+        check(static_cast<bool>(fd_));
+    }
+    ~successor()
+    {
+        if (!path_.empty())
+            ::unlink(path_.c_str());
+    }
+    successor(const successor &) = delete;
+    successor &operator=(const successor &) = delete;
+
+    void fill(std::string_view content, mode_t mode)
+    {
+        write_whole(fd_.get(), content);
+        check(::fchmod(fd_.get(), mode) == 0);
+        check(::fsync(fd_.get()) == 0);
+        check(::close(fd_.release()) == 0);
+    }
+
+    void take_over(const std::string &target)
+    {
+        check(::rename(path_.c_str(), target.c_str()) == 0);
+        path_.clear();
+    }
+
+private:
+    std::string path_;
+    descriptor fd_;
+};
+
+/// Removes what killed processes left behind. Nobody else writes a successor while we have the file's lock.
+void remove_leftovers(const std::string &folder, const std::string &prefix)
+{
+    std::unique_ptr<DIR, closes_folder> entries{::opendir(folder.c_str())};
+    if (!entries)
+        return;
+    while (const dirent *entry = ::readdir(entries.get())) {
+        const std::string_view name = entry->d_name;
+        if (name.size() == prefix.size() + 6 && name.starts_with(prefix))
+            ::unlinkat(::dirfd(entries.get()), entry->d_name, 0);
+    }
+}
+
+/// Makes the renaming itself durable.
+void sync_folder(const std::string &folder)
+{
+    const descriptor fd{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    check(static_cast<bool>(fd));
+    check(::fsync(fd.get()) == 0 || errno == EINVAL); // a file system that needs or knows no such thing
+}
+
+} // namespace
+
+descriptor open_locked(const std::string &path, access how, mode_t create_mode)
+{
+    // O_NONBLOCK: a FIFO in place of the file must not stop us; regular files don't care
+    const int flags = (how == access::write ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC | O_NONBLOCK;
+    for (;;) {
+        descriptor file{::open(path.c_str(), flags, create_mode)};
+        struct stat opened;
+        if (!file || ::fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode))
+            return {};
+        while (::flock(file.get(), how == access::write ? LOCK_EX : LOCK_SH) != 0) {
+            if (errno != EINTR)
+                return {};
+        }
+        // whoever had the lock before us may have replaced the file
+        struct stat now;
+        if (::stat(path.c_str(), &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino)
+            return file;
+    }
+}
+
+std::string read_whole(const descriptor &file)
+{
+    std::string content;
+    struct stat status;
+    check(::fstat(file.get(), &status) == 0);
+    std::size_t length = 0;
+    for (;;) {
+        content.resize(length + (length == 0 ? static_cast<std::size_t>(status.st_size) + 1 : 65536));
+        const ssize_t got =
+            ::pread(file.get(), content.data() + length, content.size() - length, static_cast<off_t>(length));
+        check(got >= 0 || errno == EINTR);
+        if (got == 0)
+            break;
+        if (got > 0)
+            length += static_cast<std::size_t>(got);
+    }
+    content.resize(length);
+    return content;
+}
+
+void append(const descriptor &file, std::string_view text)
+{
+    const off_t before = ::lseek(file.get(), 0, SEEK_END);
+    check(before >= 0);
+    try {
+        write_whole(file.get(), text);
+    } catch (const failure &) {
+        static_cast<void>(::ftruncate(file.get(), before)); // half a line would spoil the next one
+        throw;
+    }
+}
+
+void make_empty(const descriptor &file)
+{
+    check(::ftruncate(file.get(), 0) == 0);
+}
+
+void replace(const std::string &path, const descriptor &locked, std::string_view content)
+{
+    const std::unique_ptr<char, frees> target{::realpath(path.c_str(), nullptr)};
+    if (!target && errno == ENOMEM)
+        throw failure{UCI_ERR_MEM};
+    check(static_cast<bool>(target));
+    const std::string whole = target.get();
+    const std::size_t slash = whole.rfind('/');
+    const std::string folder = whole.substr(0, slash + 1);
+    const std::string prefix = '.' + whole.substr(slash + 1) + ".uci-";
+    struct stat old;
+    check(::fstat(locked.get(), &old) == 0);
+
+    remove_leftovers(folder, prefix);
+    successor fresh{folder, prefix};
+    fresh.fill(content, old.st_mode & 07777);
+    fresh.take_over(whole);
+    sync_folder(folder);
+}
+
+mode_t permissions(const std::string &path, mode_t otherwise) noexcept
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : otherwise;
+}
+
+bool is_regular(const std::string &path) noexcept
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool is_folder(const std::string &path) noexcept
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+} // namespace libuci

@@ -1,0 +1,62 @@
+// Files: locked, read whole, and replaced whole or not at all. What fails throws failure{UCI_ERR_IO}.
+#pragma once
+
+#include "failure.hpp"
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace libuci {
+
+/// Owns a descriptor; -1 is none.
+class descriptor {
+public:
+    descriptor() noexcept = default;
+    explicit descriptor(int fd) noexcept : fd_{fd} {}
+    descriptor(descriptor &&other) noexcept : fd_{std::exchange(other.fd_, -1)} {}
+    descriptor &operator=(descriptor &&other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~descriptor()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    int release() noexcept { return std::exchange(fd_, -1); }
+
+private:
+    int fd_ = -1;
+};
+
+/// How open_locked opens and locks.
+enum class access { read, write };
+
+/// Opens the regular file at path and waits for its lock, shared or exclusive; the lock goes with the descriptor.
+/// Access write makes the file if it is missing, with that mode less the umask.
+///
+/// None if that can't be done. The lock is on the file that is at path then, not on one that was replaced meanwhile.
+descriptor open_locked(const std::string &path, access how, mode_t create_mode = 0);
+
+std::string read_whole(const descriptor &file);
+void append(const descriptor &file, std::string_view text); // all of it, or the file stays as it was
+void make_empty(const descriptor &file);
+
+/// Replaces the file at path, or the file that a link there leads to, whose lock the caller has. Its mode stays.
+void replace(const std::string &path, const descriptor &locked, std::string_view content);
+
+/// The permissions of what is at path, or otherwise if nothing is.
+mode_t permissions(const std::string &path, mode_t otherwise) noexcept;
+
+bool is_regular(const std::string &path) noexcept;
+bool is_folder(const std::string &path) noexcept;
+
+} // namespace libuci

@@ -1,0 +1,202 @@
+#include "store.hpp"
+
+#include "change.hpp"
+#include "files.hpp"
+#include "package_file.hpp"
+#include "text.hpp"
+
+#include <memory>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace libuci {
+
+namespace {
+
+// Who needs both locks takes that of the package file first, and holds at most one change file's. So nobody waits for
+// somebody who waits for him.
+
+std::string change_path(std::string_view folder, const package &of)
+{
+    return std::string{folder} + '/' + of.name;
+}
+
+std::string saved_text(const descriptor &file)
+{
+    return file ? read_whole(file) : std::string{};
+}
+
+/// A package made from its locked file, not in the context yet, without any changes.
+std::unique_ptr<package> read_package_file(context &ctx, const std::string &name, const std::string &path,
+                                           const descriptor &file)
+{
+    auto fresh = std::make_unique<package>(ctx, name, path);
+    read_package(*fresh, read_whole(file));
+    return fresh;
+}
+
+package &enlist(context &ctx, std::unique_ptr<package> fresh) noexcept
+{
+    link_before(ctx.root, fresh->e);
+    return *fresh.release();
+}
+
+void drop(package *&at) noexcept
+{
+    unlink(at->e);
+    delete at;
+    at = nullptr;
+}
+
+/// The texts of the change files, in the order of the directories; that of the save directory comes last.
+std::vector<std::string> other_changes(context &ctx, const package &of)
+{
+    std::vector<std::string> texts;
+    for (text_element &folder : items{ctx.delta_path}) {
+        if (folder.name != ctx.savedir)
+            texts.push_back(saved_text(open_locked(change_path(folder.text, of), access::read)));
+    }
+    return texts;
+}
+
+std::size_t apply_all(package &to, const std::vector<std::string> &others, const std::string &own_text)
+{
+    std::size_t applied = 0;
+    for (const std::string &text : others)
+        applied += apply_lines(to, text);
+    return applied + apply_lines(to, own_text);
+}
+
+/// Makes the save directory, one level only, and for a package in a subfolder the same one there.
+void make_save_folder(context &ctx, const package &of)
+{
+    const mode_t mode = permissions(ctx.confdir, UCI_DIRMODE);
+    const std::string file = change_path(ctx.savedir, of);
+    std::size_t slash = std::char_traits<char>::length(ctx.savedir);
+    do {
+        const std::string folder = file.substr(0, slash);
+        if (::mkdir(folder.c_str(), mode) != 0 && !is_folder(folder))
+            throw failure{UCI_ERR_IO};
+        slash = file.find('/', slash + 1);
+    } while (slash != file.npos);
+}
+
+/// The package's change file in the save directory, locked, with the unsaved changes in it; none if there is neither.
+descriptor own_changes(context &ctx, package &of)
+{
+    const std::string path = change_path(ctx.savedir, of);
+    if (of.unsaved.empty() && !is_regular(path))
+        return {};
+    if (!of.unsaved.empty())
+        make_save_folder(ctx, of);
+    descriptor file = open_locked(path, access::write, permissions(of.path, UCI_FILEMODE));
+    if (!file)
+        throw failure{UCI_ERR_IO};
+    append(file, of.unsaved);
+    of.unsaved.clear();
+    return file;
+}
+
+descriptor open_package(const package &which)
+{
+    descriptor file = open_locked(which.path, access::write, UCI_FILEMODE);
+    if (!file)
+        throw failure{UCI_ERR_IO};
+    return file;
+}
+
+/// The package read again from its file, in the place of the old one, which is gone even if that fails.
+package &reload(context &ctx, package *&at, const descriptor &file)
+{
+    const std::string name = at->name;
+    const std::string path = at->path;
+    drop(at);
+    at = &enlist(ctx, read_package_file(ctx, name, path, file));
+    return *at;
+}
+
+void overwrite_file(context &ctx, package &from)
+{
+    const descriptor file = open_package(from);
+    const std::string path = change_path(ctx.savedir, from);
+    descriptor saved;
+    if (from.has_delta && is_regular(path)) {
+        saved = open_locked(path, access::write, UCI_FILEMODE);
+        if (!saved)
+            throw failure{UCI_ERR_IO};
+    }
+    replace(from.path, file, package_text(from));
+    from.unsaved.clear();
+    if (saved)
+        make_empty(saved);
+}
+
+} // namespace
+
+package &load(context &ctx, const std::string &name)
+{
+    const bool by_path = name.starts_with('/') || name.starts_with("./");
+    if (!by_path && name.starts_with('.'))
+        throw failure{UCI_ERR_NOTFOUND};
+    if (!by_path && !is_printable(name))
+        throw failure{UCI_ERR_INVAL};
+    const std::string path = by_path ? name : std::string{ctx.confdir} + '/' + name;
+    const std::string package_name = by_path ? name.substr(name.rfind('/') + 1) : name;
+    if (!is_regular(path))
+        throw failure{UCI_ERR_NOTFOUND};
+    const descriptor file = open_locked(path, access::read);
+    if (!file)
+        throw failure{UCI_ERR_IO};
+    if (ctx.find(package_name))
+        throw failure{UCI_ERR_DUPLICATE};
+
+    auto fresh = read_package_file(ctx, package_name, path, file);
+    fresh->has_delta = !by_path;
+    if (fresh->has_delta) {
+        for (text_element &folder : items{ctx.delta_path})
+            apply_lines(*fresh, saved_text(open_locked(change_path(folder.text, *fresh), access::read)));
+    }
+    return enlist(ctx, std::move(fresh));
+}
+
+void save(context &ctx, package &from)
+{
+    if (!from.has_delta)
+        overwrite_file(ctx, from);
+    else if (!from.unsaved.empty())
+        own_changes(ctx, from);
+}
+
+void commit(context &ctx, package *&at, bool overwrite)
+{
+    if (overwrite || !at->has_delta)
+        return overwrite_file(ctx, *at);
+    const descriptor file = open_package(*at);
+    const std::vector<std::string> others = other_changes(ctx, *at);
+    const descriptor saved = own_changes(ctx, *at);
+    const std::string own_text = saved_text(saved);
+
+    package &fresh = reload(ctx, at, file);
+    fresh.has_delta = true;
+    if (apply_all(fresh, others, own_text) == 0)
+        return;
+    replace(fresh.path, file, package_text(fresh));
+    if (saved) // only now: as long as the package isn't in place, the changes must be
+        make_empty(saved);
+}
+
+void revert(context &ctx, package *&at, const std::string &section_name, const std::string &option_name)
+{
+    {
+        const descriptor saved = own_changes(ctx, *at);
+        if (saved)
+            replace(change_path(ctx.savedir, *at), saved,
+                    lines_without(at->name, read_whole(saved), section_name, option_name));
+    }
+    const std::string name = at->name;
+    drop(at);
+    at = &load(ctx, name);
+}
+
+} // namespace libuci
