@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <json-c/json.h>
+#include <uci.h>
 
 namespace vandrel {
 
@@ -24,6 +25,7 @@ using pipe_handle = std::unique_ptr<FILE, released_by<::pclose>>;
 using dir_handle = std::unique_ptr<DIR, released_by<::closedir>>;
 using capability_handle = std::unique_ptr<_cap_struct, released_by<::cap_free>>;
 using json_handle = std::unique_ptr<json_object, released_by<::json_object_put>>;
+using uci_handle = std::unique_ptr<uci_context, released_by<::uci_free_context>>;
 
 /// Owns a descriptor; -1 is none.
 class unique_fd {
