@@ -1,0 +1,281 @@
+// Each case starts a process that calls vd_daemonize and looks from outside, through /proc, at the process in which the
+// call returned: it stops right there. The test adopts what is orphaned, so it sees every process end.
+#include "daemon_tools.h"
+
+#include "device_test.hpp"
+#include "logging.h"
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <tuple>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+using text = std::string;
+using step = std::function<void()>;
+namespace fs = std::filesystem;
+
+constexpr cap_value_t chown_only[] = {CAP_CHOWN};
+
+/// From here on the process, and what it starts, gets err instead of the system call.
+void deny(unsigned number, unsigned err)
+{
+    sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0), // the number stands first in seccomp_data
+                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | err),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog filter{std::size(program), program};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+}
+
+void change_capability(std::initializer_list<cap_flag_t> sets, cap_value_t capability, cap_flag_value_t value)
+{
+    cap_t state = cap_get_proc();
+    for (const cap_flag_t set : sets)
+        cap_set_flag(state, set, 1, &capability, value);
+    cap_set_proc(state);
+    cap_free(state);
+}
+
+void limit(int resource, rlim_t value)
+{
+    const rlimit both{value, value};
+    setrlimit(resource, &both);
+}
+
+/// The words of a line of /proc/PID/status, a word that repeats only once.
+text status(pid_t pid, const text &name)
+{
+    const text all = read_file("/proc/" + std::to_string(pid) + "/status");
+    const std::size_t begin = all.find("\n" + name + ":") + name.size() + 2;
+    std::istringstream line{all.substr(begin, all.find('\n', begin) - begin)};
+    text result, last;
+    for (text word; line >> word; last = word)
+        result += word == last ? "" : result.empty() ? word : " " + word;
+    return result;
+}
+
+class daemon_tools_test : public device_test {
+protected:
+    daemon_tools_test()
+    {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nagent:x:1001:1002::/:/bin/false\n");
+        write_file("/etc/group", "root:x:0:\nagent:x:1002:\nextra:x:1003:agent\n");
+    }
+    ~daemon_tools_test() override { end(); }
+
+    /// Gives the process that the call returned in. It takes the last step when it is ended with SIGCONT.
+    pid_t start(const daemonize_options *options, const step &before, const step &last = nullptr)
+    {
+        end();
+        ended.clear();
+        std::fflush(nullptr);
+        pid_ = fork();
+        if (pid_ == 0) {
+            if (before)
+                before();
+            shared->result = vd_daemonize(options);
+            shared->secure_bits = prctl(PR_GET_SECUREBITS);
+            raise(SIGSTOP);
+            if (last)
+                last();
+            _exit(0);
+        }
+        int state = 0;
+        while ((pid_ = waitpid(ended.empty() ? pid_ : -1, &state, WUNTRACED)) > 0 && !WIFSTOPPED(state))
+            ended.push_back(state);
+        while (waitpid(-1, &state, WNOHANG) > 0)
+            ended.push_back(state);
+        return pid_;
+    }
+
+    void end(int signal = SIGKILL)
+    {
+        if (pid_ > 0)
+            kill(std::exchange(pid_, 0), signal);
+        while (wait(nullptr) > 0) {}
+    }
+
+    std::vector<int> ended; // the wait statuses of the processes that ended before: one for each fork
+    struct memory {
+        int result, secure_bits, exits, stray_records;
+    };
+    memory *const shared =
+        static_cast<memory *>(mmap(nullptr, sizeof(memory), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+
+private:
+    pid_t pid_ = 0;
+};
+
+TEST_F(daemon_tools_test, daemon_is_detached)
+{
+    setsid();
+    const int terminal = posix_openpt(O_RDWR); // becomes the controlling terminal of the test and of what it starts
+    ASSERT_EQ(grantpt(terminal) | unlockpt(terminal) | ioctl(ioctl(terminal, TIOCGPTPEER, O_RDWR), TIOCSCTTY, 0), 0);
+    const daemonize_options options{nullptr, nullptr, 0123, nullptr, 0, false};
+    for (const bool plain_sweep : {false, true}) {
+        const pid_t pid = start(plain_sweep ? &options : nullptr, [&] {
+            static memory *const counter = shared;
+            std::atexit([] { ++counter->exits; });
+            EXPECT_TRUE(freopen("/tmp/output", "w", stdout) && std::fputs("once", stdout) >= 0 && chdir("/tmp") == 0);
+            dup2(terminal, 800);
+            limit(RLIMIT_NOFILE, plain_sweep ? 801 : 100);
+            if (plain_sweep)
+                deny(SYS_close_range, ENOSYS);
+        });
+        EXPECT_EQ(shared->result, 0);
+        EXPECT_EQ(ended, (std::vector<int>{0, 0}));
+        EXPECT_EQ(std::exchange(shared->exits, 0), 2);
+        EXPECT_EQ(read_file("/tmp/output"), "once");
+        EXPECT_EQ(status(pid, "Umask"), plain_sweep ? "0123" : "0027");
+        const fs::path process = "/proc/" + std::to_string(pid);
+        EXPECT_EQ(fs::read_symlink(process / "cwd"), "/");
+        std::set<text> descriptors;
+        for (const auto &entry : fs::directory_iterator{process / "fd"})
+            descriptors.insert(entry.path().filename().string() + fs::read_symlink(entry.path()).string());
+        EXPECT_EQ(descriptors, (std::set<text>{"0/dev/null", "1/dev/null", "2/dev/null"}));
+        text name, state;
+        int id = 0, parent = 0, group = 0, session = 0, daemon_terminal = -1;
+        std::ifstream{process / "stat"} >> id >> name >> state >> parent >> group >> session >> daemon_terminal;
+        EXPECT_EQ(daemon_terminal, 0);
+        EXPECT_TRUE(session == group && session != pid && session != getsid(0)) << session << " " << group;
+        EXPECT_EQ(log(), records{});
+    }
+}
+
+TEST_F(daemon_tools_test, log_goes_on_and_its_old_descriptor_is_free)
+{
+    vd_logging_log(libvandrel_logcontext, LOG_INFO, "x.c", 1, -1, "before");
+    start(nullptr, nullptr, [&] {
+        int sockets[20];
+        for (int i = 0; i < 20; i += 2)
+            socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets + i);
+        vd_logging_log(libvandrel_logcontext, LOG_INFO, "x.c", 1, -1, "after");
+        for (const int fd : sockets)
+            shared->stray_records += recv(fd, nullptr, 0, MSG_DONTWAIT) >= 0;
+    });
+    end(SIGCONT);
+    const auto lines = raw_log(2);
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_NE(lines[1].find(" test["), text::npos) << lines[1];
+    EXPECT_NE(lines[1].find(": after; filename='x.c:1'"), text::npos) << lines[1];
+    EXPECT_EQ(shared->stray_records, 0);
+}
+
+TEST_F(daemon_tools_test, rights_are_those_asked_for)
+{
+    if (!several_ids())
+        GTEST_SKIP() << "needs several ids";
+    const text all = status(getpid(), "CapPrm"), chown = "0000000000000001", none = "0000000000000000";
+    // user, group, whether there is a list; ids, supplementary groups (7 when kept), capabilities and secure bits
+    const std::tuple<const char *, const char *, bool, text, text, text, int> cases[] = {
+        {nullptr, nullptr, false, "0 0", "7", all, 0},
+        {nullptr, nullptr, true, "0 0", "7", chown, 0},
+        {nullptr, "agent", false, "0 1002", "7", all, 0},
+        {nullptr, "agent", true, "0 1002", "7", chown, 12},
+        {"agent", nullptr, false, "1001 0", "7", none, 0},
+        {"agent", nullptr, true, "1001 0", "7", chown, 12},
+        {"agent", "agent", false, "1001 1002", "1002 1003", none, 0},
+        {"agent", "agent", true, "1001 1002", "1002 1003", chown, 12},
+    };
+    for (const auto &[user, group, list, ids, groups, capabilities, secure_bits] : cases) {
+        for (const bool keep : {false, true}) {
+            const daemonize_options options{user, group, 027, list ? chown_only : nullptr, 1, keep};
+            const pid_t pid = start(&options, [] {
+                const gid_t other = 7;
+                setgroups(1, &other);
+                change_capability({CAP_INHERITABLE}, CAP_CHOWN, CAP_SET);
+            });
+            text rights;
+            for (const char *name : {"Uid", "Gid", "Groups", "CapPrm", "CapEff", "CapInh"})
+                rights += status(pid, name) + " ";
+            EXPECT_EQ(rights, ids + " " + (keep ? "7" : groups) + " " + capabilities + " " + capabilities + " " +
+                                  (list ? none : chown) + " ");
+            EXPECT_EQ(shared->result, 0);
+            EXPECT_EQ(ended, (std::vector<int>{0, 0}));
+            EXPECT_EQ(shared->secure_bits, secure_bits);
+            EXPECT_EQ(log(), records{});
+        }
+    }
+    EXPECT_EQ(vd_set_process_uid_and_gid_by_names(nullptr, nullptr, false), 0);
+}
+
+records failed(const text &message, int err = -1, int inner = 0)
+{
+    records result{error(message, "daemon_tools.c", err)};
+    if (inner != 0)
+        result.push_back(error("Failed to change uid and gid, error " + std::to_string(inner), "daemon_tools.c"));
+    return result;
+}
+
+TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
+{
+    if (!several_ids())
+        GTEST_SKIP() << "needs several ids";
+    using options = daemonize_options;
+    const cap_value_t many[64]{}, odd[] = {CAP_CHOWN, -1, 63, 1000};
+    const options plain{"agent", "agent", 0, nullptr, 0, false}, keep{"agent", "agent", 0, nullptr, 0, true};
+    const options list{"agent", "agent", 0, chown_only, 1, false}, no_list{"agent", "agent", 0, chown_only, 0, false};
+    const options long_list{"agent", "agent", 0, many, 64, false}, odd_list{"agent", "agent", 0, odd, 4, false};
+    const options no_group{"agent", "none", 0, nullptr, 0, false}, empty_group{"agent", "", 0, nullptr, 0, false};
+    const options no_user{"none", "agent", 0, nullptr, 0, false}, empty_user{"", nullptr, 0, nullptr, 0, false};
+    const auto no_process = [] { limit(RLIMIT_NPROC, 0); };
+    const auto no_second_process = [&] { pthread_atfork(nullptr, nullptr, no_process); };
+    const auto denied = [](unsigned call, unsigned err) { return [=] { deny(call, err); }; };
+    const auto without = [](cap_value_t capability) {
+        return [=] { change_capability({CAP_PERMITTED, CAP_EFFECTIVE}, capability, CAP_CLEAR); };
+    };
+    const text again = "Resource temporarily unavailable\n", root = "0 0", half = "0 1002", agent = "1001 1002";
+    // then the result, after how many forks, with which ids, and what is logged
+    const std::tuple<options, step, int, std::size_t, text, records> cases[] = {
+        {list, without(CAP_SETPCAP), -20, 0, root, failed("Setting securebits failed", EPERM)},
+        {no_group, nullptr, -21, 0, root, failed("Didn't find group 'none' for setting process group id", -1, -8)},
+        {empty_group, nullptr, -21, 0, root, failed("Didn't find group '' for setting process group id", -1, -8)},
+        {plain, without(CAP_SETGID), -21, 0, root, failed("initgroups() failed", EPERM, -9)},
+        {keep, without(CAP_SETGID), -21, 0, root, failed("Unable to set group id to 1002 (name 'agent')", EPERM, -7)},
+        {no_user, nullptr, -21, 0, half, failed("Didn't find user 'none' for setting process user id", -1, -5)},
+        {empty_user, nullptr, -21, 0, root, failed("Didn't find user '' for setting process user id", -1, -5)},
+        {plain, without(CAP_SETUID), -21, 0, half, failed("Unable to set user id to 1001 (name 'agent')", EPERM, -6)},
+        {list, denied(SYS_capget, EPERM), -22, 0, agent, failed("cap_get_proc() failed")},
+        {no_list, nullptr, -23, 0, agent, failed("cap_set_flag() with CAP_PERMITTED failed")},
+        {long_list, nullptr, -23, 0, agent, failed("cap_set_flag() with CAP_PERMITTED failed")},
+        {odd_list, nullptr, 0, 2, agent, {}},
+        {list, without(CAP_CHOWN), -25, 0, agent, failed("cap_set_proc() failed", EPERM)},
+        {plain, no_process, -1, 0, agent, failed("Error, cannot fork, " + again, EAGAIN)},
+        {plain, denied(SYS_setsid, EPERM), -2, 1, agent,
+         failed("Error, setsid failed, Operation not permitted\n", EPERM)},
+        {plain, no_second_process, -3, 1, agent, failed("Error, cannot fork second time, " + again, EAGAIN)},
+        {plain, denied(SYS_chdir, EACCES), -4, 2, agent, failed("Error, cannot change directory into /")},
+    };
+    for (const auto &[wanted, before, result, forks, ids, logged] : cases) {
+        const pid_t pid = start(&wanted, before);
+        EXPECT_EQ(log(), logged);
+        EXPECT_EQ(shared->result, result);
+        EXPECT_EQ(ended, std::vector<int>(forks, 0));
+        EXPECT_EQ(status(pid, "Uid") + " " + status(pid, "Gid"), ids) << result;
+    }
+}
+
+} // namespace
