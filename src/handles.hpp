@@ -26,6 +26,7 @@ using dir_handle = std::unique_ptr<DIR, released_by<::closedir>>;
 using capability_handle = std::unique_ptr<_cap_struct, released_by<::cap_free>>;
 using json_handle = std::unique_ptr<json_object, released_by<::json_object_put>>;
 using uci_handle = std::unique_ptr<uci_context, released_by<::uci_free_context>>;
+using tokener_handle = std::unique_ptr<json_tokener, released_by<::json_tokener_free>>;
 
 /// Owns a descriptor; -1 is none.
 class unique_fd {

@@ -3,6 +3,7 @@
 #include "handles.hpp"
 #include "ip_calculation.h"
 #include "log.hpp"
+#include "util.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -108,12 +109,6 @@ private:
     struct sigaction before {};
 };
 
-pipe_handle start_command(const char *command)
-{
-    const sigpipe_not_ignored guard;
-    return pipe_handle{popen(command, "re")};
-}
-
 /// Reads what fits into output, ends it with a NUL and says whether it was cut.
 bool read_output(FILE *pipe, char *output, std::size_t size)
 {
@@ -137,6 +132,16 @@ bool begins_with(const char *text, std::string_view prefix)
 }
 
 } // namespace
+
+namespace vandrel {
+
+pipe_handle start_command(const char *command)
+{
+    const sigpipe_not_ignored guard;
+    return pipe_handle{popen(command, "re")};
+}
+
+} // namespace vandrel
 
 int safestrcmp(const char *a, const char *b)
 {

@@ -1,0 +1,240 @@
+#include "zone_model.hpp"
+
+#include "ip_calculation.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <iterator>
+#include <stdexcept>
+#include <type_traits>
+
+namespace {
+
+using namespace vandrel;
+
+static_assert(std::is_trivially_copyable_v<zone_member> && sizeof(zone_value) == 32);
+
+bool has_name(const zone_member &member)
+{
+    return member.type == ZONE_MEMBER_SERIALIZATION || member.type == ZONE_MEMBER_PORT;
+}
+
+bool is_same(const zone_value &a, const zone_value &b)
+{
+    return std::memcmp(a.name, b.name, sizeof a.name) == 0;
+}
+
+uint64_t hash_of(const zone_value &name)
+{
+    uint64_t words[sizeof name.name / sizeof(uint64_t)];
+    std::memcpy(words, name.name, sizeof words);
+    uint64_t hash = 0;
+    for (const uint64_t word : words) {
+        hash = (hash ^ word) * 0x9E3779B97F4A7C15; // 2^64 divided by the golden ratio spreads every bit upwards
+        hash ^= hash >> 32;
+    }
+    return hash;
+}
+
+/// Sorts the intervals from begin on and joins those that overlap.
+template <typename Value> void merge(std::vector<interval<Value>> &intervals, std::size_t begin)
+{
+    const auto from = intervals.begin() + static_cast<std::ptrdiff_t>(begin);
+    std::ranges::sort(from, intervals.end(), {}, &interval<Value>::first);
+    auto merged = from;
+    for (auto next = from; next != intervals.end(); ++next) {
+        if (merged != from && next->first <= std::prev(merged)->last)
+            std::prev(merged)->last = std::max(std::prev(merged)->last, next->last);
+        else
+            *merged++ = *next;
+    }
+    intervals.erase(merged, intervals.end());
+}
+
+/// Whether one of the merged intervals in [begin, end) holds the value.
+template <typename Value>
+bool holds(const std::vector<interval<Value>> &intervals, uint32_t begin, uint32_t end, Value value)
+{
+    const std::span part{intervals.data() + begin, intervals.data() + end};
+    const auto after = std::ranges::upper_bound(part, value, {}, &interval<Value>::first);
+    return after != part.begin() && value <= std::prev(after)->last;
+}
+
+} // namespace
+
+namespace vandrel {
+
+zone_value cut_name(const char *text, std::size_t length)
+{
+    zone_value value{};
+    std::memcpy(value.name, text, strnlen(text, length));
+    return value;
+}
+
+uint32_t without_gaps(uint32_t netmask)
+{
+    return ip_netmask(static_cast<unsigned>(std::countl_one(netmask)));
+}
+
+zone_model::zone_model(const zone_records &records) : members_{records.members}
+{
+    if (records.zones.size() > place::max_zones || members_.size() > max_members)
+        throw std::length_error{"zone model"};
+    zones_.reserve(records.zones.size() + 1);
+    zones_ = records.zones;
+    zones_.emplace_back().members = static_cast<uint32_t>(members_.size());
+    link_members();
+    index_addresses();
+    index_names();
+}
+
+void zone_model::link_members()
+{
+    for (std::size_t zone = 0; zone < zones().size(); ++zone) {
+        zone_member *previous = nullptr;
+        for (zone_member &member : members_of(zone)) {
+            member.prev = previous;
+            if (previous)
+                previous->next = &member;
+            previous = &member;
+            if (member.type == ZONE_MEMBER_PORT && zones_[zone].first_port == no_member)
+                zones_[zone].first_port = index_of(member);
+        }
+    }
+}
+
+void zone_model::index_addresses()
+{
+    const auto count = [this](auto... types) {
+        return static_cast<std::size_t>(std::ranges::count_if(
+            members_, [=](const zone_member &member) { return ((member.type == types) || ...); }));
+    };
+    addresses_.reserve(count(ZONE_MEMBER_IP_RANGE, ZONE_MEMBER_IP_NETWORK));
+    macs_.reserve(count(ZONE_MEMBER_MAC_RANGE));
+    for (std::size_t zone = 0; zone < zones().size(); ++zone) {
+        for (const zone_member &member : members_of(zone)) {
+            if (has(reachable, member.direction))
+                add_address(member);
+        }
+        merge(addresses_, zones_[zone].addresses);
+        merge(macs_, zones_[zone].macs);
+        vandrel::zone &next = zones_[zone + 1];
+        next.addresses = static_cast<uint32_t>(addresses_.size());
+        next.macs = static_cast<uint32_t>(macs_.size());
+        next.odd_networks = static_cast<uint32_t>(odd_networks_.size());
+    }
+}
+
+void zone_model::add_address(const zone_member &member)
+{
+    if (member.type == ZONE_MEMBER_IP_RANGE && member.start.ip <= member.end.ip) {
+        addresses_.push_back({member.start.ip, member.end.ip});
+    } else if (member.type == ZONE_MEMBER_MAC_RANGE && member.start.mac <= member.end.mac) {
+        macs_.push_back({member.start.mac, member.end.mac});
+    } else if (member.type == ZONE_MEMBER_IP_NETWORK) {
+        const uint32_t netmask = member.end.ip;
+        if (netmask == without_gaps(netmask))
+            addresses_.push_back({member.start.ip & netmask, ip_last_ip_from_netmask(member.start.ip, netmask)});
+        else
+            odd_networks_.push_back({member.start.ip, netmask});
+    }
+}
+
+void zone_model::index_names()
+{
+    const auto names = static_cast<std::size_t>(std::ranges::count_if(members_, has_name));
+    slots_.resize(names + names / 2 + 1);
+    places_.resize(names);
+
+    std::vector<uint32_t> slot_of; // of each member with a name
+    slot_of.reserve(names);
+    for (const zone_member &member : members_) {
+        if (!has_name(member))
+            continue;
+        const uint64_t hash = hash_of(member.start);
+        const std::size_t index = find_slot(member.start, hash);
+        name_slot &slot = slots_[index];
+        if (slot.places++ == 0) {
+            slot.tag = static_cast<uint32_t>(hash);
+            slot.member = index_of(member);
+        }
+        slot_of.push_back(static_cast<uint32_t>(index));
+    }
+
+    uint32_t end = 0;
+    for (name_slot &slot : slots_)
+        slot.first_place = end += slot.places; // for now the end of its places, which are filled in from behind
+    for (std::size_t zone = zones().size(); zone-- > 0;) {
+        const auto members = members_of(zone);
+        for (auto member = members.rbegin(); member != members.rend(); ++member) {
+            if (!has_name(*member))
+                continue;
+            places_[--slots_[slot_of.back()].first_place] = place{zone, *member};
+            slot_of.pop_back();
+        }
+    }
+}
+
+uint32_t zone_model::index_of(const zone_member &member) const
+{
+    return static_cast<uint32_t>(&member - members_.data());
+}
+
+std::span<zone_member> zone_model::members_of(std::size_t zone)
+{
+    return {members_.data() + zones_[zone].members, members_.data() + zones_[zone + 1].members};
+}
+
+const zone_member *zone_model::first_port_of(std::size_t zone) const
+{
+    const uint32_t port = zones_[zone].first_port;
+    return port == no_member ? nullptr : &members_[port];
+}
+
+/// Where the name is in the hash table, or the free slot where it would be.
+std::size_t zone_model::find_slot(const zone_value &name, uint64_t hash) const
+{
+    const auto tag = static_cast<uint32_t>(hash);
+    auto index = static_cast<std::size_t>((hash >> 32) * slots_.size() >> 32);
+    for (;; index = index + 1 == slots_.size() ? 0 : index + 1) {
+        const name_slot &slot = slots_[index];
+        if (slot.places == 0 || (slot.tag == tag && is_same(members_[slot.member].start, name)))
+            return index;
+    }
+}
+
+std::span<const place> zone_model::places_of(const zone_value &name) const
+{
+    const name_slot &slot = slots_[find_slot(name, hash_of(name))];
+    return {places_.data() + slot.first_place, slot.places};
+}
+
+std::span<const place> zone_model::places_of(const char *name) const
+{
+    if (!name || strnlen(name, common_name_length + 1) > common_name_length)
+        return {};
+    return places_of_cut(name);
+}
+
+std::span<const place> zone_model::places_of_cut(const char *name) const
+{
+    if (!name)
+        return {};
+    return places_of(cut_name(name, common_name_length));
+}
+
+bool zone_model::reaches_ip(std::size_t zone, uint32_t ip) const
+{
+    const auto &begin = zones_[zone], &end = zones_[zone + 1];
+    const std::span odd{odd_networks_.data() + begin.odd_networks, odd_networks_.data() + end.odd_networks};
+    return holds(addresses_, begin.addresses, end.addresses, ip) ||
+           std::ranges::any_of(odd, [=](const network &n) { return ip_in_network(ip, n.address, n.netmask) != 0; });
+}
+
+bool zone_model::reaches_mac(std::size_t zone, uint64_t mac) const
+{
+    return holds(macs_, zones_[zone].macs, zones_[zone + 1].macs, mac);
+}
+
+} // namespace vandrel
