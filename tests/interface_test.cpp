@@ -31,7 +31,7 @@ names declared()
     return words_of("cd " + source +
                     "/include && for header in *.h; do echo \"#include <$header>\"; done | "
                     "gcc -E -x c -I. - | awk '/^# /{ours = $3 ~ /^\"\\.\\// ; next} /^#/{next} ours' | tr '\\n' ' ' | "
-                    "sed 's/{[^}]*}//g; s/__attribute__ *((.*))//g' | tr ';' '\\n' | grep -v typedef | "
+                    "sed 's/{[^}]*}//g; s/__attribute__ *(([^;]*))//g' | tr ';' '\\n' | grep -v typedef | "
                     "grep -oE '^[^(]*[ *](\\w+) *\\(|^ *extern [^(]*[ *]\\w+$' | grep -oE '\\w+ *\\(?$' | tr -d ' ('");
 }
 
