@@ -1,0 +1,166 @@
+#include "netutil.h"
+
+#include "log.hpp"
+#include "util.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include <uci.h>
+
+namespace {
+
+constexpr char log_module[] = "netutil.c";
+
+constexpr std::size_t longest_ifname = 15; // as in the kernel
+constexpr std::size_t portname_size = 14;  // a device or port name and its NUL
+constexpr int highest_parsed_number = 10002;
+constexpr int highest_number = 9999;
+constexpr int highest_vlan = 4095;
+
+bool is_letter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+std::optional<int32_t> parse_number(const char *text, int highest)
+{
+    const char *error;
+    const long long number = strtonum(text, 0, highest, &error);
+    return error ? std::nullopt : std::optional{static_cast<int32_t>(number)};
+}
+
+std::optional<netutil_ifname_parts> parse_ifname(const char *text)
+{
+    if (std::strlen(text) > longest_ifname) {
+        log_error("Too long interface name");
+        return {};
+    }
+    char name[longest_ifname + 1];
+    strlcpy(name, text, sizeof name);
+    netutil_ifname_parts parts{"", -1, -1};
+
+    if (char *dot = std::strchr(name, '.')) {
+        const auto vlan = parse_number(dot + 1, highest_vlan);
+        if (!vlan) {
+            log_error("Failed parsing ifname: vlan %s is invalid", dot + 1);
+            return {};
+        }
+        parts.vlan = *vlan;
+        *dot = '\0';
+    }
+
+    char *digits = std::find_if_not(name, name + std::strlen(name), is_letter);
+    if (*digits == '\0') {
+        log_error("No physical interface number was found");
+        return {};
+    }
+    if (!is_digit(*digits)) {
+        log_error("Invalid character in interface name");
+        return {};
+    }
+    const auto number = parse_number(digits, highest_parsed_number);
+    if (!number) {
+        log_error("Failed to parse ifname: interface number out of range");
+        return {};
+    }
+    parts.number = *number;
+
+    *digits = '\0';
+    if (strlcpy(parts.prefix, name, sizeof parts.prefix) >= sizeof parts.prefix) {
+        log_error("Too long LAN prefix name");
+        return {};
+    }
+    return parts;
+}
+
+/// An Ethernet device name with a number that a port may have; the VLAN is free.
+bool is_ethernet_port(const char *ifname)
+{
+    const auto parts = parse_ifname(ifname);
+    if (!parts)
+        return false;
+    if (std::strcmp(parts->prefix, "eth") != 0) {
+        log_error("Invalid LAN prefix %s", parts->prefix);
+        return false;
+    }
+    if (parts->number > highest_number) {
+        log_error("Port number out of range: %d", parts->number);
+        return false;
+    }
+    return true;
+}
+
+/// The first section, of any type, whose device list begins with this device; null when there is none.
+const uci_section *find_section_by_ifname(uci_package *network, const char *ifname)
+{
+    uci_element *element;
+    uci_foreach_element (&network->sections, element) {
+        uci_section *section = uci_to_section(element);
+        char first[portname_size];
+        const char *list = uci_lookup_option_string(network->ctx, section, "ifname");
+        if (netutil_copy_first_ifname(first, list, sizeof first) == 0 && std::strcmp(first, ifname) == 0)
+            return section;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+int netutil_parse_portname(netutil_ifname_parts *parts, const char *portname)
+{
+    if (!parts || !portname) {
+        log_error("Missing arguments");
+        return 0;
+    }
+    const auto parsed = parse_ifname(portname);
+    if (!parsed)
+        return 0;
+    if (parsed->number > highest_number) {
+        log_error("Port number out of range");
+        return 0;
+    }
+    *parts = *parsed;
+    return 1;
+}
+
+int netutil_copy_first_ifname(char *dst, const char *list, size_t size)
+{
+    if (!dst || !list || size == 0) {
+        log_error("missing arguments");
+        return -1;
+    }
+    const std::size_t length = std::min(std::strcspn(list, " "), size - 1);
+    std::memcpy(dst, list, length);
+    dst[length] = '\0';
+    return 0;
+}
+
+int netutil_ifname_to_portname(char *dst, size_t size, const char *ifname, struct uci_package *network)
+{
+    if (!dst || !ifname || !network) {
+        log_error("Missing arguments");
+        return 0;
+    }
+    if (std::strlen(ifname) > longest_ifname) {
+        log_error("Too long interface name");
+        return 0;
+    }
+    strlcpy(dst, "", size);
+    if (!is_ethernet_port(ifname))
+        return 0;
+    const uci_section *section = find_section_by_ifname(network, ifname);
+    // a name that had to be cut might be the name of another port
+    if (!section || std::strlen(section->e.name) >= portname_size) {
+        log_warning("cannot convert ifname %s to portname", ifname);
+        return 0;
+    }
+    strlcpy(dst, std::strcmp(section->e.name, "lan") == 0 ? "lan1" : section->e.name, size);
+    return 1;
+}
