@@ -87,6 +87,9 @@ int vd_set_process_uid_and_gid_by_names(const char *user, const char *group, boo
  * no later record can go to whatever has got its number by then, and the next record opens a new one, under the name
  * given to logging_init. A daemon that uses syslog under a name of its own calls openlog again.
  *
+ * SIGHUP is ignored from the first fork to setsid, or a caller that leads a session with a terminal would kill the
+ * first child by ending; its disposition is then what it was.
+ *
  * exit(0) runs the exit handlers of the caller in both ending processes too: those that remove files or stop services
  * are registered after this call. What stdio holds for output is written out before the first fork, thus once.
  */

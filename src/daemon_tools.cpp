@@ -4,6 +4,7 @@
 #include "log.hpp"
 #include "logging.hpp"
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -106,10 +107,28 @@ int reduce_capabilities(const daemonize_options &options)
     return 0;
 }
 
-/// Goes on in the grandchild, which is in a new session but doesn't lead it and so can't gain a terminal by opening it.
-int detach()
+/// Ignores SIGHUP while it lives: a caller that leads a session with a terminal sends it by ending, and a child that is
+/// not in a session of its own yet would die of it.
+class hangup_ignored {
+public:
+    hangup_ignored() noexcept
+    {
+        struct sigaction ignored {};
+        ignored.sa_handler = SIG_IGN;
+        sigaction(SIGHUP, &ignored, &before_);
+    }
+    ~hangup_ignored() { sigaction(SIGHUP, &before_, nullptr); }
+    hangup_ignored(const hangup_ignored &) = delete;
+    hangup_ignored &operator=(const hangup_ignored &) = delete;
+
+private:
+    struct sigaction before_ {};
+};
+
+/// Goes on in the first child, at the head of a session of its own.
+int start_session()
 {
-    std::fflush(nullptr); // or each of the processes would write out what is buffered here
+    const hangup_ignored guard;
     const pid_t child = fork();
     if (child < 0) {
         log_error_errno("Error, cannot fork, %s\n", std::strerror(errno)); // the newline is part of the message
@@ -121,6 +140,15 @@ int detach()
         log_error_errno("Error, setsid failed, %s\n", std::strerror(errno));
         return -2;
     }
+    return 0;
+}
+
+/// Goes on in the grandchild, which is in a new session but doesn't lead it and so can't gain a terminal by opening it.
+int detach()
+{
+    std::fflush(nullptr); // or each of the processes would write out what is buffered here
+    if (const int failure = start_session(); failure != 0)
+        return failure;
     const pid_t grandchild = fork();
     if (grandchild < 0) {
         log_error_errno("Error, cannot fork second time, %s\n", std::strerror(errno));
