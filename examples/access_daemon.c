@@ -1,0 +1,376 @@
+/*
+ * access_daemon: answers over the message bus who may reach what.
+ *
+ * A question is a message of the type access.ip, access.port, access.mac, access.peer or access.members. Its data names
+ * the peer that asks, "common_name", and its target: "ip", "port", "mac", "peer", or for access.members the "direction"
+ * ("out": what the peer may reach, "in": what may reach it, "both"). The reply, of the type access.reply, carries
+ *
+ *     "type", "question"  the question's type and data
+ *     "answer"            true or false; for access.members a list of members
+ *     "schedule"          whether a zone that says yes is open now; not for access.members
+ *
+ * so a peer gets through only where "answer" and "schedule" are both true. What cannot be answered gets access.error,
+ * which carries "type", "question" and a "text" that says why.
+ *
+ * "subscribe" and "unsubscribe" take the name of a type as data. There is one to subscribe to: zones.changed, sent when
+ * the zone file has changed and the new one is in force.
+ */
+#include <signal.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <event2/event.h>
+#include <json-c/json.h>
+
+#include <ip_calculation.h>
+#include <ipc.h>
+#include <logging.h>
+#include <mac.h>
+#include <util.h>
+#include <zones.h>
+
+#define LOG_ERROR(...) vd_logging_log(libvandrel_logcontext, LOG_ERR, __FILE__, __LINE__, -1, __VA_ARGS__)
+
+static const char zone_file[] = "/etc/vandrel/zones.json";
+static const char zones_changed[] = "zones.changed";
+
+struct options {
+    const char *name;  /* on the bus */
+    int look_interval; /* seconds between two looks at the zone file and the schedules */
+    int echo;          /* records also go to standard error */
+};
+
+/* What a question came to: an error text, or else a value, and where there is one the schedule (else -1). */
+struct answer {
+    const char *error;
+    struct json_object *value;
+    int schedule;
+};
+
+/* Adds a member to an object and takes the value; both may be NULL for want of memory, which gives false. */
+static bool add(struct json_object *object, const char *key, struct json_object *value)
+{
+    if (object && value && json_object_object_add(object, key, value) == 0)
+        return true;
+    json_object_put(value);
+    return false;
+}
+
+/* Makes a message and takes its data; NULL for want of memory. */
+static struct json_object *new_message(const char *type, struct json_object *data)
+{
+    struct json_object *message = json_object_new_object();
+    const bool has_data = add(message, "data", data);
+    if (has_data && add(message, "type", json_object_new_string(type)))
+        return message;
+    LOG_ERROR("No memory for a message of the type %s", type);
+    json_object_put(message);
+    return NULL;
+}
+
+/* Sends what a question came to, and takes its value. */
+static void send_answer(int fd, const char *type, struct json_object *question, struct answer answer)
+{
+    struct json_object *data = json_object_new_object();
+    bool complete =
+        answer.error ? add(data, "text", json_object_new_string(answer.error)) : add(data, "answer", answer.value);
+    complete = add(data, "type", json_object_new_string(type)) && complete;
+    if (question)
+        complete = add(data, "question", json_object_get(question)) && complete;
+    if (answer.schedule >= 0)
+        complete = add(data, "schedule", json_object_new_boolean(answer.schedule)) && complete;
+    if (!complete) {
+        LOG_ERROR("No memory for the answer to %s", type);
+        json_object_put(data);
+        return;
+    }
+    struct json_object *message = new_message(answer.error ? "access.error" : "access.reply", data);
+    if (message)
+        ipc_write(fd, message); /* logs why it failed; the end of a connection is noticed elsewhere */
+    json_object_put(message);
+}
+
+static struct answer no_answer(const char *why)
+{
+    return (struct answer){.error = why, .schedule = -1};
+}
+
+static struct answer yes_or_no(int allowed, uint8_t schedule)
+{
+    return (struct answer){.value = json_object_new_boolean(allowed), .schedule = schedule};
+}
+
+/* A text, borrowed from value; NULL when it is none. A NUL inside would make another text of it. */
+static const char *text_of(struct json_object *value)
+{
+    if (!json_object_is_type(value, json_type_string))
+        return NULL;
+    const char *text = json_object_get_string(value);
+    return text && strlen(text) == (size_t)json_object_get_string_len(value) ? text : NULL;
+}
+
+static const char *text_member(struct json_object *object, const char *key)
+{
+    struct json_object *value = NULL;
+    json_object_object_get_ex(object, key, &value);
+    return text_of(value);
+}
+
+static struct answer ask_ip(const char *peer, struct json_object *question)
+{
+    uint32_t ip = 0;
+    uint8_t schedule = 0;
+    if (!ip_parse_p(&ip, text_member(question, "ip")))
+        return no_answer("\"ip\" is no address");
+    const int allowed = zones_is_ip_allowed_sched(peer, ip, &schedule);
+    return yes_or_no(allowed, schedule);
+}
+
+static struct answer ask_port(const char *peer, struct json_object *question)
+{
+    const char *port = text_member(question, "port");
+    uint8_t schedule = 0;
+    if (!port)
+        return no_answer("\"port\" is no text");
+    const int allowed = zones_is_port_allowed_sched(peer, port, &schedule);
+    return yes_or_no(allowed, schedule);
+}
+
+static struct answer ask_mac(const char *peer, struct json_object *question)
+{
+    const char *text = text_member(question, "mac");
+    uint8_t mac[6];
+    uint8_t schedule = 0;
+    if (!text || !mac_to_bytes_network(mac, text))
+        return no_answer("\"mac\" is no address");
+    const int allowed = zones_is_mac_allowed_sched(peer, mac, &schedule);
+    return yes_or_no(allowed, schedule);
+}
+
+static struct answer ask_peer(const char *peer, struct json_object *question)
+{
+    const char *other = text_member(question, "peer");
+    uint8_t schedule = 0;
+    if (!other)
+        return no_answer("\"peer\" is no text");
+    const int allowed = zones_is_device_allowed_sched(peer, other, &schedule);
+    return yes_or_no(allowed, schedule);
+}
+
+static bool add_ip_range(struct json_object *object, const zone_member *range)
+{
+    char start[16];
+    char end[16];
+    ip_format(start, range->start.ip);
+    ip_format(end, range->end.ip);
+    return add(object, "start", json_object_new_string(start)) && add(object, "end", json_object_new_string(end));
+}
+
+static bool add_mac(struct json_object *object, const char *key, uint64_t mac)
+{
+    uint8_t bytes[6];
+    char text[18];
+    for (int i = 0; i < 6; ++i)
+        bytes[i] = (uint8_t)(mac >> (40 - 8 * i));
+    mac_bytes_to_mac(text, bytes);
+    return add(object, key, json_object_new_string(text));
+}
+
+/* Adds what a member is to an object, as {"type": "port", "name": ...} or {"type": "ip", "start": ..., "end": ...}. */
+static bool describe(struct json_object *object, const zone_member *member)
+{
+    static const char *const types[] = {"peer", "port", "ip", "ip", "mac"}; /* by zone_member_type */
+    zone_member range = *member;
+    if (!add(object, "type", json_object_new_string(types[member->type])))
+        return false;
+    switch (member->type) {
+    case ZONE_MEMBER_IP_NETWORK:
+        return zones_ip_netmask_to_range(&range, member) && add_ip_range(object, &range);
+    case ZONE_MEMBER_IP_RANGE:
+        return add_ip_range(object, &range);
+    case ZONE_MEMBER_MAC_RANGE:
+        return add_mac(object, "start", member->start.mac) && add_mac(object, "end", member->end.mac);
+    default:
+        return add(object, "name", json_object_new_string(member->start.name));
+    }
+}
+
+/* The list of count members as JSON; NULL for want of memory. */
+static struct json_object *describe_all(zone_member *const *members, uint32_t count)
+{
+    struct json_object *list = json_object_new_array();
+    for (uint32_t i = 0; list && i < count; ++i) {
+        struct json_object *object = json_object_new_object();
+        if (!object || !describe(object, members[i]) || json_object_array_add(list, object) != 0) {
+            json_object_put(object);
+            json_object_put(list);
+            return NULL;
+        }
+    }
+    return list;
+}
+
+static struct answer ask_members(const char *peer, struct json_object *question)
+{
+    static const char *const directions[] = {"in", "out", "both"}; /* by zone_direction */
+    const char *wanted = text_member(question, "direction");
+    int direction = 0;
+    while (direction < 3 && safestrcmp(directions[direction], wanted) != 0)
+        ++direction;
+    zone_member **members = NULL;
+    uint32_t count = 0;
+    if (direction == 3)
+        return no_answer("\"direction\" is not in, out or both");
+    if (!zones_get_allowed_members(&members, &count, peer, direction))
+        return no_answer("the zones cannot be read");
+    struct json_object *list = describe_all(members, count);
+    free(members);
+    return (struct answer){.value = list, .schedule = -1};
+}
+
+static const struct {
+    const char *type;
+    struct answer (*ask)(const char *peer, struct json_object *question);
+} questions[] = {{"access.ip", ask_ip},
+                 {"access.port", ask_port},
+                 {"access.mac", ask_mac},
+                 {"access.peer", ask_peer},
+                 {"access.members", ask_members}};
+static const size_t question_count = sizeof questions / sizeof questions[0];
+
+/* Brings the schedules up to date, and tells the subscribers where the zone file has changed. */
+static void look_at_zones(bool only_if_changed)
+{
+    static time_t seen = -2; /* no file's time, nor that of a missing one */
+    const time_t modified = file_get_mtime(zone_file);
+    const bool changed = modified != seen;
+    if (!changed && only_if_changed)
+        return;
+    seen = modified;
+    zones_update_schedule_access(); /* its result is an answer, not a failure */
+    if (!changed)
+        return;
+    struct json_object *message = new_message(zones_changed, json_object_new_object());
+    if (message)
+        ipc_server_write_to_subscribers(zones_changed, message);
+    json_object_put(message);
+}
+
+static void handle_question(int fd, const char *type, struct json_object *question)
+{
+    const char *peer = text_member(question, "common_name");
+    struct answer answer = no_answer("\"common_name\" is no text");
+    look_at_zones(true); /* a model that is loaded anew has every schedule open until the script was asked */
+    for (size_t i = 0; peer && i < question_count; ++i) {
+        if (strcmp(questions[i].type, type) == 0)
+            answer = questions[i].ask(peer, question);
+    }
+    send_answer(fd, type, question, answer);
+}
+
+static void handle_subscription(int fd, const char *type, struct json_object *data)
+{
+    if (safestrcmp(text_of(data), zones_changed) != 0)
+        send_answer(fd, type, data, no_answer("there is only zones.changed to subscribe to"));
+    else if (strcmp(type, "unsubscribe") == 0)
+        ipc_server_remove_subscriber_typed(zones_changed, fd);
+    else if (ipc_server_add_subscriber(zones_changed, fd) != 0)
+        send_answer(fd, type, data, no_answer("there are too many subscribers"));
+}
+
+/* Everything else, and the end of a connection. Its descriptor's next owner must not inherit the subscriptions. */
+static void handle_other(int fd, const char *type, struct json_object *data)
+{
+    if (strcmp(type, "error") == 0)
+        ipc_server_remove_subscriber(fd);
+    else
+        send_answer(fd, type, data, no_answer("there is no such question"));
+}
+
+static void on_timer(evutil_socket_t fd, short events, void *argument)
+{
+    (void)fd, (void)events, (void)argument;
+    look_at_zones(false);
+}
+
+static void on_signal(evutil_socket_t number, short events, void *base)
+{
+    (void)number, (void)events;
+    event_base_loopbreak(base);
+}
+
+static bool run_server(struct event_base *base, const struct options *options)
+{
+    const int server = ipc_server_new(options->name, base, handle_other); /* logs why it failed */
+    if (server < 0)
+        return false;
+    for (size_t i = 0; i < question_count; ++i)
+        ipc_register_callback(questions[i].type, handle_question);
+    ipc_register_callback("subscribe", handle_subscription);
+    ipc_register_callback("unsubscribe", handle_subscription);
+
+    const struct timeval interval = {.tv_sec = options->look_interval};
+    struct event *timer = event_new(base, -1, EV_PERSIST, on_timer, NULL);
+    struct event *terminate = evsignal_new(base, SIGTERM, on_signal, base);
+    struct event *interrupt = evsignal_new(base, SIGINT, on_signal, base);
+    bool ended_well = timer && terminate && interrupt && event_add(timer, &interval) == 0 &&
+                      event_add(terminate, NULL) == 0 && event_add(interrupt, NULL) == 0;
+    if (ended_well) {
+        look_at_zones(false);
+        ended_well = event_base_dispatch(base) == 0;
+    }
+    if (!ended_well)
+        LOG_ERROR("The event loop failed");
+    ipc_close(server);
+    struct event *const events[] = {timer, terminate, interrupt};
+    for (size_t i = 0; i < sizeof events / sizeof events[0]; ++i) {
+        if (events[i])
+            event_free(events[i]);
+    }
+    return ended_well;
+}
+
+static bool read_options(int argc, char *argv[], struct options *options)
+{
+    const char *wrong = NULL;
+    for (int option; (option = getopt(argc, argv, "n:i:e")) != -1;) {
+        if (option == 'n')
+            options->name = optarg;
+        else if (option == 'i')
+            options->look_interval = (int)strtonum(optarg, 1, 86400, &wrong);
+        else if (option == 'e')
+            options->echo = 1;
+        else
+            wrong = "unknown";
+        if (wrong) {
+            fprintf(stderr, "usage: %s [-n NAME] [-i SECONDS] [-e]\n", argv[0]);
+            return false;
+        }
+    }
+    return true;
+}
+
+int main(int argc, char *argv[])
+{
+    struct options options = {.name = "access", .look_interval = 60};
+    if (!read_options(argc, argv, &options))
+        return EXIT_FAILURE;
+    if (!logging_init("access_daemon", options.echo)) {
+        perror(argv[0]);
+        return EXIT_FAILURE;
+    }
+    /* A daemon that gives up root and its terminal does so here, before it opens anything: vd_daemonize. */
+    struct event_base *base = event_base_new();
+    if (!base)
+        LOG_ERROR("Making the event base failed");
+    const bool ended_well = base && run_server(base, &options);
+    zones_free();
+    if (base)
+        event_base_free(base);
+    vd_logging_close(&libvandrel_logcontext);
+    return ended_well ? EXIT_SUCCESS : EXIT_FAILURE;
+}
