@@ -1,0 +1,177 @@
+#include "device_test.hpp"
+
+#include "vpnstate.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+namespace {
+
+class vpnstate : public device_test {
+protected:
+    /// The texts of the warnings since the last call.
+    std::string warned() const
+    {
+        std::string texts;
+        for (const record &entry : log())
+            texts += entry == warning(entry.text, "vpnstate.c") ? entry.text + ";" : "no warning of vpnstate.c;";
+        return texts;
+    }
+
+    /// The fields of a loaded record in their order, addresses in hexadecimal, and the warnings after them.
+    std::string load(const char *common_name) const
+    {
+        char text[1000] = "";
+        vpn_state *s = vpnstate_load(common_name);
+        if (s)
+            std::snprintf(text, sizeof text,
+                          "%d %d %d %d %s %s %d %d %d %s %d %d %d %d %s %d %s %s %s %d %d %d %d %x %x %x %x %x %x",
+                          s->state, s->connection_id, s->vpn_client_id, s->vpn_server_id, s->proto, s->remote_ip,
+                          s->local_port, s->remote_port, s->management_port, s->management_path, s->reserved_11,
+                          s->openvpn_pid, s->reserved_13, s->relayed, s->relay_uuid, s->reserved_16, s->dev,
+                          s->common_name, s->connection_common_name, s->offline_connection, s->firewall,
+                          s->connection_type, s->peer_type, s->tun_server_ip, s->tun_client_ip, s->tun_my_ip,
+                          s->tun_peer_ip, s->peer_virtual_ip, s->peer_public_ip);
+        vpn_free(s);
+        return text + warned();
+    }
+};
+
+const std::string directory = "/var/run/vandrel/vpnstate/";
+constexpr char keys[] =
+    "connection_type peer_type state connection_id vpn_client_id vpn_server_id proto remote_ip local_port remote_port "
+    "management_port management_path openvpn_pid relayed relay_uuid dev common_name connection_common_name "
+    "offline_connection firewall tun_server_ip tun_client_ip tun_my_ip tun_peer_ip peer_virtual_ip peer_public_ip";
+
+/// Writes a state file in which every key has this value or, without one, a number of its own that is good for it.
+void write_all(const std::string &value)
+{
+    std::istringstream names{keys};
+    std::string content, key;
+    for (int i = 1; names >> key; ++i)
+        content += (i == 1 ? "{\"" : ", \"") + key + "\": " + (value.empty() ? std::to_string(i) : value);
+    write_file(directory + "peer.json", content + "}");
+}
+
+TEST_F(vpnstate, every_key_fills_its_field)
+{
+    const std::string bad = "0 -1 -1 -1 T T -1 -1 -1 T -1 0 0 0 T 0 T T T 0 0 0 0 A A A A A A"; // T: text, A: address
+    const std::string type = "Unknown connection type T in state;", peer = "Unknown peer type T in state;";
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"", "3 4 5 6 7 8 9 10 11 12 -1 13 0 14 15 0 16 17 18 19 20 1 2 15 16 17 18 19 1a", ""},
+        {"true", bad, "ffffffff"},
+        {"5.", bad, "ffffffff"},
+        {"2147483648", bad, "80000000"},
+        {"[ ]", bad, "ffffffff"},
+        {"null", "Failed to load VPN state;", ""},
+        {"3", "3 3 3 3 T T 3 3 3 T -1 3 0 3 T 0 T T T 3 3 0 -1 A A A A A A" + type + peer, "3"},
+        {"4", "3 4 4 4 T T 4 4 4 T -1 4 0 4 T 0 T T T 4 4 0 -1 A A A A A A" + type + peer + "Unknown state 4 in state;",
+         "4"},
+        {"-1", "3 T T T T T T -1 T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + "Unknown state T in state;",
+         "ffffffff"},
+        {"-2",
+         "3 T T T T T T -1 T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + peer + "Unknown state T in state;",
+         "ffffffff"}};
+    for (const auto &[value, pattern, ip] : cases) {
+        std::string want;
+        for (const char c : pattern)
+            want += c == 'T' ? value : c == 'A' ? ip : std::string{c};
+        write_all(value);
+        EXPECT_EQ(load("peer"), want);
+    }
+    write_file(directory + "peer.json", R"({"Dev": "", "": {}, "tun_my_ip": "10.8.0.1", "proto": "a b"})");
+    EXPECT_EQ(load("peer"),
+              "0 -1 -1 -1 a b (null) 0 0 0 (null) -1 -1 0 -1 (null) 0 (null) (null) (null) 0 -1 0 0 0 0 a080001 0 0 0"
+              "VPN: unknown key;VPN: unknown key;");
+}
+
+TEST_F(vpnstate, what_cannot_be_loaded_is_told_and_never_waited_for)
+{
+    for (const auto &[name, content] : {std::pair{"half.json", "{\"dev\": 1"},
+                                        {"empty.json", ""},
+                                        {"array.json", "[]"},
+                                        {"../other.json", "{}"},
+                                        {"012345678901234567890123456.jso", "{}"}})
+        write_file(directory + name, content);
+    mkdir((directory + "directory.json").c_str(), 0755);
+    mkfifo((directory + "fifo.json").c_str(), 0644);
+    std::filesystem::create_symlink("/tmp/none", directory + "dangling.json");
+    std::filesystem::create_symlink("/dev/zero", directory + "device.json");
+    const sockaddr_un address{AF_UNIX, "/var/run/vandrel/vpnstate/socket.json"};
+    ASSERT_EQ(bind(socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    EXPECT_EQ(load("array"), "VPN state is corrupted;");
+    const int descriptors = open_descriptors();
+    for (const char *name : {"half", "empty", "directory", "fifo", "device", "socket"})
+        EXPECT_EQ(load(name), "Parsing VPN state JSON file failed;") << name;
+    for (const char *name : {"none", "dangling", "../other", "/", "", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(load(name), "Opening VPN state JSON file failed;") << name;
+    EXPECT_TRUE(load("012345678901234567890123456").starts_with("0 ") &&
+                open_descriptors() == descriptors); // a path is cut
+}
+
+TEST_F(vpnstate, load_without_memory_fails_whole)
+{
+    write_all("1");
+    for (int n = 1; n < 9; ++n) { // the record and its texts
+        const allocation_refusal refuse{n};
+        EXPECT_EQ(load("peer"), n == 1 ? "no warning of vpnstate.c;" : "Failed to load VPN state;");
+    }
+    const allocation_refusal refuse{9};
+    EXPECT_EQ(load("peer"), "1 1 1 1 1 1 1 1 1 1 -1 1 0 1 1 0 1 1 1 1 1 1 1 1 1 1 1 1 1");
+}
+
+std::vector<std::string> visited;
+
+TEST_F(vpnstate, walk_takes_regular_json_files)
+{
+    const auto visit = [](const char *name) -> int { return visited.emplace_back(name) == "last"; };
+    EXPECT_TRUE(vpnstate_foreach_cn(visit) == -1 && vpnstate_is_any_active() == 0);
+    std::filesystem::create_directories(directory + "x.json");
+    for (const char *name : {".json", "a.JSON", "c.jsonx", "json"})
+        write_file(directory + name, "{}");
+    EXPECT_TRUE(vpnstate_foreach_cn(visit) == 0 && visited.empty() && vpnstate_foreach_cn(nullptr) == -1);
+    write_file(directory + "abc.json", "{}");
+    write_file(directory + "b.json.json", "{}");
+    std::filesystem::create_symlink("abc.json", directory + "link.json");
+    EXPECT_EQ(vpnstate_foreach_cn(visit) + vpnstate_is_any_active(), 0);
+    std::ranges::sort(visited);
+    EXPECT_EQ(visited, (std::vector<std::string>{"abc", "b.json"}));
+    EXPECT_EQ(vpnstate_foreach_cn([](const char *name) { return visited.emplace_back(name) == "" ? 0 : -1; }), 0);
+    EXPECT_TRUE(visited.size() == 3 && log().empty());
+}
+
+TEST_F(vpnstate, many_files_are_searched_for_activity_and_for_an_interface)
+{
+    char cn[28] = "left";
+    EXPECT_EQ(vpnstate_get_common_name(cn, "tun0"), -1); // no directory yet
+    for (int i = 0; i < 10000; ++i)
+        write_file(directory + std::to_string(i) + ".json", R"({"common_name": "c"})");
+    write_file(directory + "a", R"({"dev": "tun0", "common_name": "0123456789012345678901234567"})");
+    write_file(directory + "b", R"({"dev": "tap1", "common_name": null})");
+    write_file(directory + "c", R"(["tun2"])");
+    const std::tuple<const char *, int, const char *> cases[] = {
+        {"eth0", 1, "left"}, {nullptr, 1, "left"}, {"tu", 1, "left"},
+        {"tun2", 1, "left"}, {"tap1", -1, "left"}, {"tun0", 0, "01234567890123456789012345"}};
+    for (const auto &[dev, want, name] : cases) {
+        EXPECT_EQ(vpnstate_get_common_name(cn, dev), want) << dev;
+        EXPECT_STREQ(cn, name) << dev;
+    }
+    EXPECT_TRUE(vpnstate_get_common_name(nullptr, "tun0") == -1 && warned().empty());
+    write_file(directory + "half", "{");
+    write_file(directory + std::string(32, 'n'), "{}");
+    EXPECT_EQ(vpnstate_get_common_name(cn, "tun3"), 1);
+    const std::string complaints = warned(), loading = "Loading vpn state failed;";
+    EXPECT_NE(complaints.find("Parsing VPN state JSON file failed;" + loading), complaints.npos);
+    EXPECT_NE(complaints.find("Opening VPN state JSON file failed;" + loading), complaints.npos);
+    const int descriptors = open_descriptors();
+    EXPECT_EQ(vpnstate_is_any_active(), 0);
+    write_file(directory + "up.json", R"({"dev": ""})");
+    EXPECT_TRUE(vpnstate_is_any_active() == 1 && open_descriptors() == descriptors);
+}
+
+} // namespace
