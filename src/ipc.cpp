@@ -41,7 +41,10 @@ constexpr std::size_t read_low_watermark = header_bytes;
 constexpr std::size_t read_high_watermark = 1'000'000;
 static_assert(header_bytes + max_body_bytes < read_high_watermark, "or reading would stop within the longest frame");
 constexpr std::size_t max_queued_bytes = 64 << 20; // on one connection
-constexpr std::size_t shared_from_bytes = 2048;    // below, a copy is cheaper than sharing
+constexpr std::size_t event_read_bytes = 4096;     // what libevent reads at most before it calls us
+constexpr std::size_t ahead_read_bytes = 65'536;
+constexpr std::size_t kept_tokener_bytes = 65'536;
+constexpr std::size_t shared_from_bytes = 2048; // below, a copy is cheaper than sharing
 
 constexpr std::size_t max_subscribers = 50;
 constexpr std::size_t client_path_size = 107; // one less than the server's, which is all of sun_path
@@ -86,6 +89,8 @@ struct bus_state {
     listener_handle listener;
     int server_fd = -1;
     sockaddr_un server_address{}; // its path is the socket file to remove
+
+    tokener_handle tokener; // kept from one message to the next
 
     std::unordered_map<std::string, ipc_callback, text_hash, std::equal_to<>> callbacks;
     std::vector<subscriber> subscribers; // in order of subscription
@@ -135,14 +140,21 @@ ipc_callback handler_of(std::string_view type, ipc_callback default_callback)
 }
 
 /// What json_tokener_parse makes of the text, which ends at its NUL or else with the body.
-json_handle parse_body(json_tokener *tokener, const char *body, std::size_t size)
+json_handle parse_body(const char *body, std::size_t size)
 {
-    const std::size_t length = strnlen(body, size);
+    if (!bus.tokener)
+        bus.tokener.reset(json_tokener_new());
+    json_tokener *tokener = bus.tokener.get();
+    if (!tokener)
+        return nullptr;
     json_tokener_reset(tokener);
-    json_handle message{json_tokener_parse_ex(tokener, body, static_cast<int>(length))};
+    json_handle message{json_tokener_parse_ex(tokener, body, static_cast<int>(strnlen(body, size)))};
     if (json_tokener_get_error(tokener) == json_tokener_continue)
         message.reset(json_tokener_parse_ex(tokener, "", 1));
-    return json_tokener_get_error(tokener) == json_tokener_success ? std::move(message) : nullptr;
+    const bool parsed = json_tokener_get_error(tokener) == json_tokener_success;
+    if (size > kept_tokener_bytes) // it would keep room for the longest text that it has seen
+        bus.tokener.reset();
+    return parsed ? std::move(message) : nullptr;
 }
 
 void dispatch(int fd, json_object *message, ipc_callback default_callback)
@@ -162,15 +174,33 @@ void dispatch(int fd, json_object *message, ipc_callback default_callback)
 }
 
 /// Takes the frame at the start of the input out of it and gives its message; null when it is malformed.
-json_handle take_message(evbuffer *input, std::size_t body_bytes, json_tokener *tokener)
+json_handle take_message(evbuffer *input, std::size_t body_bytes)
 {
     const std::size_t frame_bytes = header_bytes + body_bytes;
     const unsigned char *frame = evbuffer_pullup(input, static_cast<ev_ssize_t>(frame_bytes)); // no copy if contiguous
     json_handle message;
-    if (frame && tokener && body_bytes > 0)
-        message = parse_body(tokener, reinterpret_cast<const char *>(frame) + header_bytes, body_bytes);
+    if (frame && body_bytes > 0)
+        message = parse_body(reinterpret_cast<const char *>(frame) + header_bytes, body_bytes);
     evbuffer_drain(input, frame_bytes);
     return message;
+}
+
+/// Fetches more of a frame that libevent has begun to read, where it has arrived already. What is wrong with the socket
+/// shows again when libevent reads on. Memory is taken only in step with what has come.
+void read_ahead(bufferevent *bev, std::size_t missing_bytes)
+{
+    evbuffer *input = bufferevent_get_input(bev);
+    if (evbuffer_get_length(input) < event_read_bytes)
+        return;
+    const std::size_t wanted = std::min(missing_bytes, ahead_read_bytes);
+    evbuffer_unfreeze(input, 0); // a bufferevent opens the end of its input for its own reads only
+    evbuffer_iovec space;
+    if (evbuffer_reserve_space(input, static_cast<ev_ssize_t>(wanted), &space, 1) == 1) {
+        const ssize_t size = recv(bufferevent_getfd(bev), space.iov_base, wanted, 0);
+        space.iov_len = size > 0 ? static_cast<std::size_t>(size) : 0;
+        evbuffer_commit_space(input, &space, 1);
+    }
+    evbuffer_freeze(input, 0);
 }
 
 /// libevent calls it when at least a header waits. Any handler may drop the connection, and its input with it.
@@ -180,7 +210,6 @@ void read_frames(bufferevent *bev, void *argument)
     const int fd = bufferevent_getfd(bev);
     const std::uint64_t serial = find_connection(fd)->serial;
     evbuffer *input = bufferevent_get_input(bev);
-    const tokener_handle tokener{json_tokener_new()};
     while (is_open(fd, serial) && evbuffer_get_length(input) >= header_bytes) {
         std::uint32_t header = 0;
         if (evbuffer_copyout(input, &header, header_bytes) < static_cast<ev_ssize_t>(header_bytes)) {
@@ -193,9 +222,12 @@ void read_frames(bufferevent *bev, void *argument)
             end_connection(fd, serial, default_callback);
             return;
         }
-        if (evbuffer_get_length(input) < header_bytes + body_bytes)
+        const std::size_t frame_bytes = header_bytes + body_bytes;
+        if (evbuffer_get_length(input) < frame_bytes)
+            read_ahead(bev, frame_bytes - evbuffer_get_length(input));
+        if (evbuffer_get_length(input) < frame_bytes)
             return;
-        if (const json_handle message = take_message(input, body_bytes, tokener.get()))
+        if (const json_handle message = take_message(input, body_bytes))
             dispatch(fd, message.get(), default_callback);
     }
 }

@@ -1,0 +1,395 @@
+// What a message costs on the bus: CPU time of all processes together, on one CPU, as a ratio to the floor: plain epoll
+// sockets that send the same bytes and do the same work with json-c. Both sides are measured in turns in one run. An
+// argument chooses the subjects whose title contains it.
+#include "device.hpp"
+#include "ipc.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <endian.h>
+#include <event2/event.h>
+#include <json-c/json.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char name[] = "bench";
+constexpr char socket_path[] = "/var/run/vandrel/ipc_bench.sock";
+constexpr int repeats = 7;
+
+/// A client process with some connections and a server process play rounds. The client begins one by sending messages,
+/// spread over its connections ("client"), or the server by sending one to each connection ("server"); when all of it
+/// has arrived, the other side answers with one message.
+struct subject {
+    const char *title;
+    bool client_sends;
+    int connections;
+    int messages; // in a round
+    std::size_t data_bytes;
+    int rounds;
+    double allowed;
+};
+constexpr std::array subjects{
+    subject{"round trip, 100 bytes", true, 1, 1, 60, 10'000, 1.5},
+    subject{"round trip, 10 kB", true, 1, 1, 10'000, 1'000, 1.1},
+    subject{"one way, 100 bytes, 1 connection", true, 1, 50, 60, 800, 1.2},
+    subject{"one way, 100 bytes, 50 connections", true, 50, 50, 60, 800, 1.5},
+    subject{"publish 100 bytes to 50 subscribers", false, 50, 50, 60, 800, 1.5},
+    subject{"publish 10 kB to 50 subscribers", false, 50, 50, 10'000, 40, 1.5},
+};
+
+subject now;      // what is being measured
+std::string data; // of the messages
+
+/// What this process does in a round.
+struct {
+    bool is_server = false;
+    int arrived = 0;
+    int rounds_left = 0;
+    std::vector<int> connections;
+} self;
+
+json_object *new_message(const char *type)
+{
+    json_object *message = json_object_new_object();
+    json_object_object_add(message, "type", json_object_new_string(type));
+    json_object_object_add(message, "data", json_object_new_string_len(data.data(), static_cast<int>(data.size())));
+    return message;
+}
+
+int expected_in_a_round()
+{
+    return self.is_server == now.client_sends ? now.messages : 1;
+}
+
+/// Counts a message; true when it is this process's turn to send.
+bool is_turn()
+{
+    if (++self.arrived < expected_in_a_round())
+        return false;
+    self.arrived = 0;
+    return true;
+}
+
+// ---- the bus ----
+
+event_base *base;
+
+void bus_send_messages()
+{
+    if (now.client_sends) {
+        for (int i = 0; i < now.messages; ++i) {
+            json_object *message = new_message("question");
+            ipc_write(self.connections[static_cast<std::size_t>(i % now.connections)], message);
+            json_object_put(message);
+        }
+        return;
+    }
+    json_object *message = new_message("question");
+    ipc_server_write_to_subscribers("question", message);
+    json_object_put(message);
+}
+
+void bus_take_turn(int fd)
+{
+    if (self.is_server == now.client_sends) {
+        json_object *message = new_message("answer");
+        ipc_write(fd, message);
+        json_object_put(message);
+    } else if (--self.rounds_left > 0) {
+        bus_send_messages();
+    } else {
+        event_base_loopbreak(base);
+    }
+}
+
+void bus_handle(int fd, const char *type, json_object *)
+{
+    if (std::strcmp(type, "error") == 0) {
+        event_base_loopbreak(base);
+    } else if (std::strcmp(type, "hello") == 0) {
+        if (!now.client_sends)
+            ipc_server_add_subscriber("question", fd);
+        self.connections.push_back(fd);
+        if (!now.client_sends && static_cast<int>(self.connections.size()) == now.connections)
+            bus_send_messages();
+    } else if (is_turn()) {
+        bus_take_turn(fd);
+    }
+}
+
+void bus_server(int ready)
+{
+    base = event_base_new();
+    ipc_server_new(name, base, bus_handle);
+    close(ready);
+    event_base_dispatch(base);
+}
+
+void bus_client()
+{
+    base = event_base_new();
+    for (int i = 0; i < now.connections; ++i) {
+        self.connections.push_back(ipc_client_new(name, base, bus_handle));
+        json_object *message = new_message("hello");
+        ipc_write(self.connections.back(), message);
+        json_object_put(message);
+    }
+    if (now.client_sends)
+        bus_send_messages();
+    event_base_dispatch(base);
+}
+
+// ---- the floor ----
+
+struct raw_connection {
+    int fd;
+    std::string input, output;
+};
+std::vector<raw_connection> peers; // by descriptor
+int poller;
+bool is_over;
+
+void add_peer(int fd)
+{
+    if (peers.size() <= static_cast<std::size_t>(fd))
+        peers.resize(static_cast<std::size_t>(fd) + 1);
+    peers[static_cast<std::size_t>(fd)].fd = fd;
+    epoll_event event{EPOLLIN, {}};
+    event.data.fd = fd;
+    epoll_ctl(poller, EPOLL_CTL_ADD, fd, &event);
+}
+
+void append(std::string &output, std::string_view text)
+{
+    const std::uint32_t header = htobe32(static_cast<std::uint32_t>(text.size() + 1));
+    output.append(reinterpret_cast<const char *>(&header), sizeof header).append(text).push_back('\0');
+}
+
+void append_message(int fd, const char *type)
+{
+    json_object *message = new_message(type);
+    append(peers[static_cast<std::size_t>(fd)].output, json_object_to_json_string(message));
+    json_object_put(message);
+}
+
+void flush(int fd) // a round always fits into the socket
+{
+    std::string &output = peers[static_cast<std::size_t>(fd)].output;
+    if (write(fd, output.data(), output.size()) != static_cast<ssize_t>(output.size()))
+        std::abort();
+    output.clear();
+}
+
+void raw_send_messages()
+{
+    if (now.client_sends) {
+        for (int i = 0; i < now.messages; ++i)
+            append_message(self.connections[static_cast<std::size_t>(i % now.connections)], "question");
+        for (const int fd : self.connections)
+            flush(fd);
+        return;
+    }
+    std::string frame;
+    json_object *message = new_message("question");
+    append(frame, json_object_to_json_string(message));
+    json_object_put(message);
+    for (const int fd : self.connections) {
+        if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
+            std::abort();
+    }
+}
+
+void raw_take_turn(int fd)
+{
+    if (self.is_server == now.client_sends) {
+        append_message(fd, "answer");
+        flush(fd);
+    } else if (--self.rounds_left > 0) {
+        raw_send_messages();
+    } else {
+        is_over = true;
+    }
+}
+
+void raw_handle(int fd, const char *quoted_type)
+{
+    if (std::strcmp(quoted_type, "\"hello\"") == 0) {
+        self.connections.push_back(fd);
+        if (!now.client_sends && static_cast<int>(self.connections.size()) == now.connections)
+            raw_send_messages();
+    } else if (is_turn()) {
+        raw_take_turn(fd);
+    }
+}
+
+void raw_read(int fd)
+{
+    std::string &input = peers[static_cast<std::size_t>(fd)].input;
+    static char buffer[1 << 16];
+    const ssize_t size = read(fd, buffer, sizeof buffer);
+    if (size <= 0) {
+        is_over = true;
+        return;
+    }
+    input.append(buffer, static_cast<std::size_t>(size));
+    std::size_t begin = 0;
+    for (std::uint32_t header; input.size() - begin >= sizeof header;) {
+        std::memcpy(&header, &input[begin], sizeof header);
+        const std::size_t frame_bytes = sizeof header + be32toh(header);
+        if (input.size() - begin < frame_bytes)
+            break;
+        json_object *message = json_tokener_parse(&input[begin + sizeof header]);
+        begin += frame_bytes;
+        json_object *type = nullptr;
+        json_object *payload = nullptr;
+        json_object_object_get_ex(message, "type", &type);
+        json_object_object_get_ex(message, "data", &payload);
+        raw_handle(fd, json_object_to_json_string(type));
+        json_object_put(message);
+    }
+    input.erase(0, begin);
+}
+
+void raw_loop(int listener)
+{
+    std::array<epoll_event, 64> events;
+    while (!is_over) {
+        const int count = epoll_wait(poller, events.data(), events.size(), -1);
+        for (int i = 0; i < count; ++i) {
+            const int fd = events[static_cast<std::size_t>(i)].data.fd;
+            if (fd == listener)
+                add_peer(accept(listener, nullptr, nullptr));
+            else
+                raw_read(fd);
+        }
+    }
+}
+
+sockaddr_un address()
+{
+    sockaddr_un result{};
+    result.sun_family = AF_UNIX;
+    std::snprintf(result.sun_path, sizeof result.sun_path, "%s", socket_path);
+    return result;
+}
+
+void raw_server(int ready)
+{
+    poller = epoll_create1(0);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    const sockaddr_un at = address();
+    unlink(socket_path);
+    if (bind(listener, reinterpret_cast<const sockaddr *>(&at), sizeof at) < 0 || listen(listener, 128) < 0)
+        std::abort();
+    add_peer(listener);
+    close(ready);
+    raw_loop(listener);
+}
+
+void raw_client()
+{
+    poller = epoll_create1(0);
+    const sockaddr_un at = address();
+    for (int i = 0; i < now.connections; ++i) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (connect(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) < 0)
+            std::abort();
+        add_peer(fd);
+        self.connections.push_back(fd);
+        append_message(fd, "hello");
+        flush(fd);
+    }
+    if (now.client_sends)
+        raw_send_messages();
+    raw_loop(-1);
+}
+
+// ---- measuring ----
+
+double cpu_microseconds(const rusage &used)
+{
+    const auto of = [](const timeval &time) {
+        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
+    };
+    return of(used.ru_utime) + of(used.ru_stime);
+}
+
+pid_t start(bool is_server, void (*run)(int), int ready)
+{
+    const pid_t pid = fork();
+    if (pid == 0) {
+        self = {is_server, 0, now.rounds, {}};
+        run(ready);
+        _exit(0);
+    }
+    return pid;
+}
+
+/// Microseconds of CPU per message, of server and client together.
+double measure(void (*server)(int), void (*client)())
+{
+    static void (*run_client)();
+    run_client = client;
+    int ready[2];
+    if (pipe(ready) != 0)
+        std::abort();
+    const std::array processes{start(true, server, ready[1]), [&] {
+                                   close(ready[1]);
+                                   char end;
+                                   if (read(ready[0], &end, 1) != 0) // until the server listens and closes its end
+                                       std::abort();
+                                   return start(
+                                       false, [](int) { run_client(); }, -1);
+                               }()};
+    close(ready[0]);
+    double used = 0;
+    for (const pid_t pid : processes) {
+        int status = 0;
+        rusage usage{};
+        if (wait4(pid, &status, 0, &usage) != pid || status != 0)
+            std::abort();
+        used += cpu_microseconds(usage);
+    }
+    return used / now.rounds / now.messages;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    enter_device();
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<std::size_t>(sched_getcpu()), &one);
+    sched_setaffinity(0, sizeof one, &one);
+
+    std::printf("%-38s %10s %10s %8s %8s\n", "CPU per message, both processes", "bus", "floor", "ratio", "allowed");
+    for (const subject &each : subjects) {
+        if (argc > 1 && !std::strstr(each.title, argv[1]))
+            continue;
+        now = each;
+        data.assign(each.data_bytes, 'x');
+        double bus = 1e9;
+        double floor = 1e9;
+        for (int i = 0; i < repeats; ++i) {
+            bus = std::min(bus, measure(bus_server, bus_client));
+            floor = std::min(floor, measure(raw_server, raw_client));
+        }
+        std::printf("%-38s %7.2f us %7.2f us %8.2f %8.2f\n", each.title, bus, floor, bus / floor, each.allowed);
+    }
+}
