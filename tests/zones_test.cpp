@@ -1,0 +1,425 @@
+#include "device_test.hpp"
+
+#include "zones.h"
+
+#include <cinttypes>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/fsuid.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+static std::function<void()> at_step; // called before each system call on a file
+
+static void take_step()
+{
+    if (at_step)
+        at_step();
+}
+
+extern "C" { // clang-format off
+int access(const char *path, int mode) { take_step(); return faccessat(AT_FDCWD, path, mode, 0); }
+int stat(const char *path, struct stat *status) { take_step(); return fstatat(AT_FDCWD, path, status, 0); }
+int fstat(int fd, struct stat *status) { take_step(); return fstatat(fd, "", status, AT_EMPTY_PATH); }
+int open(const char *path, int flags, ...) { take_step(); return openat(AT_FDCWD, path, flags, 0644); }
+ssize_t read(int fd, void *to, size_t size) { take_step(); const iovec part{to, size}; return readv(fd, &part, 1); }
+} // clang-format on
+
+namespace {
+
+constexpr char zones_file[] = "/etc/vandrel/zones.json",
+               script[] = "/usr/share/vandrel/check_zone_scheduled_access.lua";
+constexpr uint32_t address = 0x0A000001; // of a in the zone file
+const std::string p_and_a = "'p':{'type':'serialization','direction':'in'},"
+                            "'a':{'type':'whitelisted_ip','direction':'out','address_start':'10.0.0.1'}";
+const records no_records, missing{error("Missing arguments", "zones.c")};
+
+records warnings(const std::string &lines)
+{
+    records all;
+    for (std::size_t begin = 0, end; begin < lines.size(); begin = end + 1) {
+        end = lines.find('\n', begin);
+        all.push_back(warning(lines.substr(begin, end - begin), "zones.c"));
+        end = end == lines.npos ? lines.size() : end;
+    }
+    return all;
+}
+
+int may_reach(uint32_t ip)
+{
+    return zones_is_ip_allowed("p", ip);
+}
+
+/// The members that are related to name, each as type, direction, start and end; "none" on failure.
+std::string related(const char *name, int direction)
+{
+    zone_member **list, *last = nullptr;
+    uint32_t count;
+    if (!zones_get_allowed_members(&list, &count, name, direction))
+        return "none";
+    std::string text;
+    for (uint32_t i = 0; i < count; last = list[i++]) {
+        const zone_member &m = *list[i];
+        if (direction == ZONE_DIRECTION_BOTH) {
+            EXPECT_TRUE(m.prev == last && (!last || last->next == &m) && (i + 1 < count || !m.next));
+        }
+        char line[100];
+        if (m.type <= ZONE_MEMBER_PORT)
+            std::snprintf(line, sizeof line, "%d%d %s;", m.type, m.direction, m.start.name);
+        else if (m.type == ZONE_MEMBER_MAC_RANGE)
+            std::snprintf(line, sizeof line, "4%d %" PRIx64 " %" PRIx64 ";", m.direction, m.start.mac, m.end.mac);
+        else
+            std::snprintf(line, sizeof line, "%d%d %x %x;", m.type, m.direction, m.start.ip, m.end.ip);
+        text += line;
+    }
+    std::free(list);
+    return text;
+}
+
+class zones_test : public device_test {
+protected:
+    ~zones_test() override { zones_free(); }
+
+    /// Puts a new version in place at once, with a time stamp of its own.
+    void set_file(const std::string &text)
+    {
+        write_file("/etc/vandrel/next", text);
+        const timespec times[2] = {{++time_, 0}, {time_, 0}};
+        utimensat(AT_FDCWD, "/etc/vandrel/next", times, 0);
+        rename("/etc/vandrel/next", zones_file);
+    }
+    void set_zones(const std::string &zones) { set_file("{'zone_configuration':{'zones':" + zones + "}}"); }
+    void set_members(const std::string &members) { set_zones("{'1':{'members':{" + members + "}}}"); }
+
+    time_t time_ = 1000;
+};
+
+} // namespace
+
+TEST_F(zones_test, members_as_they_are_read)
+{
+    const struct {
+        std::string member, stored;
+        const char *warned = "";
+    } cases[] = {
+        {"'n':{'type':'port','direction':'out'}", "11 n;"},
+        {"'n':{'type':'port','direction':'IN'}", "13 n;"},
+        {"'n':{'type':'port','direction':null}", "13 n;"},
+        {"'abcdefghijklmnopqrstuvwxyz1234':{'type':'serialization','direction':'in'}",
+         "00 abcdefghijklmnopqrstuvwxyz;"},
+        {"'abcdefghijklmnop':{'type':'port','direction':'both'}", "12 abcdefghijklm;"},
+        {"'n':{'type':'whitelisted_ip','address_start':'10.0.0.5'}", "23 a000005 a000005;"},
+        {"'n':{'type':'whitelisted_ip','address_start':5,'address_end':'x','netmask':null}", "23 5 ffffffff;"},
+        {"'n':{'type':'whitelisted_ip','address_start':'0.0.0.9','address_end':'0.0.0.1'}", "23 9 1;"},
+        {"'n':{'type':'whitelisted_ip','address_start':'0.0.0.0','netmask':'0'}", "33 0 0;"},
+        {"'n':{'type':'whitelisted_ip','address_start':'1.2.3.4','netmask':0}", "",
+         "Failed to parse netmask 0\nn parsing failed"},
+        {"'n':{'type':'whitelisted_ip','address_start':'1.2.3.4','netmask':24,'address_end':'x'}",
+         "33 1020304 ffffff00;"},
+        {"'n':{'type':'whitelisted_ip','address_start':'1.2.3.4','netmask':'255.255.0.0'}", "33 1020304 ffff0000;"},
+        {"'n':{'type':'whitelisted_ip','address_end':'10.0.0.1'}", "", "n parsing failed"},
+        {"'n':{'type':'whitelisted_ip','netmask':'255.255.255.0'}", "", "n parsing failed"},
+        {"'n':{'type':'whitelisted_mac','address_start':'AA:BB:CC:DD:EE:FF'}", "43 aabbccddeeff aabbccddeeff;"},
+        {"'n':{'type':'whitelisted_mac','address_start':'aabbccddeeff'}", "", "n parsing failed"},
+        {"'n':{'type':'whitelisted_mac','address_start':'00:00:00:00:00:01','address_end':'2'}", "",
+         "n parsing failed"},
+        {"'n':{'type':'whitelisted_mac','address_end':'00:00:00:00:00:01'}", "", "n parsing failed"},
+        {"'n':{'type':true},'m':[]", "", "n parsing failed\nm parsing failed"},
+        {"'n':{'type':'port','disabled':true},'m':null", ""},
+        {"'n':{'type':'port','disabled':'true'}", "13 n;", "Invalid type for field disabled"},
+        {"'n':{'type':'port'},'n':{'type':'serialization'}", "03 n;"}, // the last one counts
+        {"'\xFF\\u0000cut':{'type':'port'}", "13 \xFF;"},
+    };
+    for (const auto &[member, stored, warned] : cases) {
+        set_members("'p':{'type':'serialization','direction':'in'}," + member);
+        EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), "00 p;" + stored) << member;
+        EXPECT_EQ(log(), warnings(warned)) << member;
+    }
+}
+
+TEST_F(zones_test, zones_as_they_are_read)
+{
+    write_script(script, "#!/bin/sh\nprintf '%s ' \"$2\" >> /tmp/ids\n");
+    const struct {
+        std::string zones, ids;
+        int result = 1;
+        records logged = {};
+    } cases[] = {
+        {"{'7':{'members':{}},'007':{'members':{}},'2147483647':{'members':{}}}", "7 7 2147483647 "},
+        {"{'abc':{},'-1':{},'7a':{},'2147483648':{},'':{},'8':null}", ""},
+        {"{'1':{'disabled':true},'2':{'disabled':false,'members':{}}}", "2 "},
+        {"{'1':{'disabled':1,'members':{}}}", "1 ", 1, warnings("Invalid type for field disabled")},
+        {"{'1':{'deny_between_keys':1},'2':[],'3':{'members':null},'4':{'members':{}}}", "1 2 3 4 ", 0},
+        {"{'1':{'members':[]},'2':{'members':{}}}", "1 2 ", 1, {error("Zone members is wrong type", "zones.c")}},
+        {"[]", "", 0, {error("Unexpected json type found, see RACK-457", "zones.c")}},
+    };
+    for (const auto &[zones, ids, result, logged] : cases) {
+        set_zones(zones);
+        EXPECT_EQ(zones_load(), result) << zones;
+        EXPECT_EQ(log(), logged) << zones;
+        std::remove("/tmp/ids");
+        EXPECT_EQ(zones_update_schedule_access(), ids.empty() ? 1 : 0) << zones; // a model is there in any case
+        EXPECT_EQ(read_file("/tmp/ids"), ids) << zones;
+        zones_free();
+        EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), result ? "" : "none") << zones; // only the query that loads fails
+        EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), "") << zones;
+        log();
+    }
+}
+
+TEST_F(zones_test, a_file_that_cannot_be_loaded)
+{
+    const std::string good = "{'zone_configuration':{'zones':{'1':{'members':{" + p_and_a + "}}}}}";
+    const std::string long_string = '"' + std::string(100'000'000, 'x');
+    const records absent = warnings("zones.json is missing");
+    const struct {
+        const char *name;
+        std::function<void()> make;
+        records logged = {};
+        int answer = 0; // after zones_load: 1 where the new time stamp was taken, so that the old model goes on
+    } cases[] = {
+        {"missing", [] {}, absent},
+        {"a link to nothing", [] { EXPECT_EQ(symlink("/nowhere", zones_file), 0); }, absent},
+        {"a directory", [] { mkdir(zones_file, 0755); }},
+        {"a FIFO", [] { mkfifo(zones_file, 0644); }},
+        {"endless", [] { EXPECT_EQ(symlink("/dev/zero", zones_file), 0); }},
+        {"unreadable", [&] { write_file(zones_file, several_ids() ? good : "", 0), setfsuid(1); }},
+        {"truncated", [&] { set_file(good.substr(0, good.size() - 1)); }},
+        {"a bare number", [&] { set_file("5"); }},
+        {"nested deeply", [&] { set_file(std::string(100'000, '[')); }},
+        {"a string without end", [&] { set_file(long_string); }},
+        {"null", [&] { set_file("null"); }},
+        {"a string", [&] { set_file(long_string + '"'); }, {}, 1},
+        {"no zones", [&] { set_file("{'zone_configuration':{'zones':null}}"); }, {}, 1},
+        {"no configuration", [&] { set_file("{'zone_configuration':'zones'}"); }, {}, 1},
+    };
+    for (const auto &[name, make, logged, answer] : cases) {
+        SCOPED_TRACE(name);
+        set_file(good);
+        EXPECT_EQ(may_reach(address), 1);
+        unlink(zones_file);
+        make();
+        EXPECT_EQ(zones_load(), 0);
+        EXPECT_EQ(log(), logged);
+        EXPECT_EQ(may_reach(address), answer);
+        EXPECT_EQ(log(), answer ? no_records : logged);
+        zones_free();
+        uint8_t sched = 7, mac[6] = {};
+        char bridge[14] = "as it was";
+        for (int i = 0; i < 2; ++i) { // each query tries again
+            EXPECT_EQ(zones_is_ip_allowed_sched("p", address, &sched) + zones_is_port_allowed_sched("p", "a", &sched) +
+                          zones_is_mac_allowed_sched("p", mac, &sched) +
+                          zones_is_device_allowed_sched("p", "p", &sched) + zones_get_client_options(bridge, "p") +
+                          zones_update_schedule_access(),
+                      0);
+            EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), "none");
+            EXPECT_EQ(log().size(), 7 * logged.size());
+        }
+        EXPECT_EQ(sched, 7);
+        EXPECT_STREQ(bridge, "as it was");
+        setfsuid(0);
+        std::remove(zones_file);
+    }
+}
+
+TEST_F(zones_test, no_version_of_the_file_is_missed)
+{
+    int step = 1, version = 1;
+    for (int first = 1; step >= first - 1; ++first) { // swaps the file at every step from the first one on
+        const auto swap = [&](int last) {
+            version = last;
+            set_members("'p':{'type':'serialization','direction':'in'},'a':{'type':'whitelisted_ip','direction':'out',"
+                        "'address_start':'0.0.0." +
+                        std::to_string(version) + "'}");
+        };
+        for (const bool is_once : {true, false}) {
+            swap(1);
+            zones_free();
+            step = 0;
+            const std::function<void()> hook = [&] {
+                at_step = nullptr;
+                if (++step == first || (step > first && !is_once))
+                    swap(version + 1);
+                at_step = hook;
+            };
+            at_step = hook;
+            may_reach(1);
+            at_step = nullptr;
+            for (int asked = 1; asked <= version; ++asked)
+                EXPECT_EQ(may_reach(static_cast<uint32_t>(asked)), asked == version) << first << ' ' << asked;
+        }
+    }
+}
+
+TEST_F(zones_test, where_a_mistake_in_the_file_allows_more)
+{
+    const std::string an_ip = "'members':{'a':{'type':'whitelisted_ip','direction':'out','address_start':",
+                      the_ip = an_ip + "'10.0.0.1'}", a_peer = "':{'type':'serialization','direction':'out'}",
+                      key = "'members':{'token-abcdefghijklmnopqrst" + a_peer;
+    const struct {
+        const char *name;
+        std::string meant, mistaken;
+    } cases[] = {
+        {"unreadable end address", an_ip + "'9.0.0.1','address_end':'9.0.0.9'}",
+         an_ip + "'9.0.0.1','address_end':'9.0.0.x'}"},
+        {"unreadable netmask on 0.0.0.0", an_ip + "'0.0.0.0','netmask':'32'}", an_ip + "'0.0.0.0','netmask':'/32'}"},
+        {"inverse netmask", an_ip + "'9.0.0.1','netmask':'255.255.255.0'}", an_ip + "'9.0.0.1','netmask':'0.0.0.255'}"},
+        {"disabled as text", "'disabled':true," + the_ip, "'disabled':'true'," + the_ip},
+        {"denied as text", "'deny_between_keys':true," + key, "'deny_between_keys':'true'," + key},
+        {"name over 26 characters", "'members':{'token-abcdefghijklm" + a_peer,
+         "'members':{'token-abcdefghijklmnopqrst-one" + a_peer},
+    };
+    for (const auto &[name, meant, mistaken] : cases) {
+        const auto is_allowed = [&](const std::string &zone) {
+            set_zones("{'1':{" + zone + ",'token-p':{'type':'serialization','direction':'in'}}}}");
+            return zones_is_ip_allowed("token-p", address) ||
+                   zones_is_device_allowed("token-p", "token-abcdefghijklmnopqrst-two");
+        };
+        EXPECT_FALSE(is_allowed(meant)) << name;
+        EXPECT_TRUE(is_allowed(mistaken)) << name;
+    }
+    log();
+}
+
+TEST_F(zones_test, schedules)
+{
+    const std::string zone = ":{'members':{" + p_and_a + "}}", one = "{'42'" + zone + "}",
+                      two = "{'1'" + zone + ",'2'" + zone + "}";
+    const struct {
+        std::string zones, text; // of the script
+        int result, sched;
+    } cases[] = {
+        {one, "#!/bin/sh\nprintf true; exit 3", 1, 1},
+        {one, "#!/bin/sh\necho truex", 1, 1},
+        {one, "#!/usr/bin/env lua5.4\nprint(arg[1] == '/etc/vandrel/zones.json' and arg[2] == '42' and #arg == 2)", 1,
+         1},
+        {one, "#!/bin/sh\nwhile true; do echo true; done", 1, 1}, // ends though this process ignores SIGPIPE
+        {one, "#!/bin/sh\necho TRUE", 0, 0},
+        {one, "#!/bin/sh\necho ' true'", 0, 0},
+        {one, "#!/bin/sh\n", 0, 0},
+        {one, "#!/not/there", 0, 0},
+        {two, "#!/bin/sh\n[ $2 = 1 ] && echo true", 0, 1}, // some zone is open
+        {two, "#!/bin/sh\n[ $2 = 2 ] && echo true", 1, 1},
+    };
+    signal(SIGPIPE, SIG_IGN);
+    const int descriptors = open_descriptors();
+    for (const auto &[zones, text, result, want] : cases) {
+        set_zones(zones);
+        write_script(script, text);
+        uint8_t sched = 7;
+        EXPECT_EQ(zones_is_ip_allowed_sched("p", address, &sched), 1) << text;
+        EXPECT_EQ(sched, 1) << "every zone is open after a reload";
+        EXPECT_EQ(zones_update_schedule_access(), result) << text;
+        EXPECT_EQ(zones_is_ip_allowed_sched("p", address, &sched), 1) << text;
+        EXPECT_EQ(sched, want) << text;
+        EXPECT_EQ(may_reach(address), 1) << "without sched the schedule is not asked";
+    }
+    EXPECT_EQ(open_descriptors(), descriptors);
+    chmod(script, 0644); // not executable
+    EXPECT_EQ(zones_update_schedule_access(), 0);
+    EXPECT_EQ(zones_ip_netmask_to_range(nullptr, nullptr), 0); // opens the logger's socket
+    EXPECT_EQ(log(), missing);
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max}; // no pipe
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(zones_update_schedule_access(), 1);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(log(), records(2, error("ERROR: cannot popen schedule check command", "zones.c")));
+}
+
+TEST_F(zones_test, answers_and_their_records)
+{
+    const std::string members =
+        "'members':{'token-A':{'type':'serialization','direction':'in'},"
+        "'token-B':{'type':'serialization','direction':'both'},'lan1':{'type':'port','direction':'out'}}";
+    const records direction{error("Invalid direction value", "zones.c")};
+    char bridge[14] = "";
+    zone_member member{}, **list;
+    uint32_t count;
+    const struct {
+        int line;
+        std::function<int()> ask;
+        int apart, together; // the answers with and without deny_between_keys
+        records logged = {};
+    } cases[] = {
+        {__LINE__, [] { return zones_is_ip_allowed(nullptr, 0); }, 0, 0},
+        {__LINE__, [] { return zones_is_port_allowed("token-A", nullptr); }, 0, 0},
+        {__LINE__, [] { return zones_is_mac_allowed("token-A", nullptr); }, 0, 0},
+        {__LINE__, [] { return zones_is_device_allowed("token-A", "token-B"); }, 0, 1},
+        {__LINE__, [] { return zones_is_device_allowed("token-B", "token-A"); }, 0, 0},
+        {__LINE__, [] { return zones_is_device_allowed("token-B", "token-B"); }, 0, 1,
+         warnings("common names were equal: token-B")},
+        {__LINE__, [] { return zones_is_device_allowed(nullptr, nullptr); }, 0, 0,
+         warnings("common names were equal: (null)")},
+        {__LINE__, [&] { return zones_get_client_options(bridge, "token-A") - std::strcmp(bridge, "lan1"); }, 1, 1},
+        {__LINE__, [&] { return zones_get_client_options(bridge, "token-X"); }, 0, 0,
+         warnings("No bridge found for token-X")},
+        {__LINE__, [&] { return zones_get_client_options(bridge, nullptr); }, 0, 0, missing},
+        {__LINE__, [&] { return zones_get_client_options(nullptr, "token-A"); }, 0, 0, missing},
+        {__LINE__,
+         [] { return related("token-A", 1) == "02 token-B;11 lan1;" ? 1 : related("token-A", 1) != "11 lan1;"; }, 0, 1},
+        {__LINE__, [] { return related("token-X", 1) == ""; }, 1, 1},
+        {__LINE__, [] { return related("token-A", 3) == "none"; }, 1, 1, direction},
+        {__LINE__, [] { return related("token-A", -1) == "none"; }, 1, 1, direction},
+        {__LINE__, [&] { return zones_get_allowed_members(&list, &count, nullptr, 3); }, 0, 0, missing},
+        {__LINE__, [&] { return zones_get_allowed_members(nullptr, &count, "p", 1); }, 0, 0, missing},
+        {__LINE__, [&] { return zones_get_allowed_members(&list, nullptr, "p", 1); }, 0, 0, missing},
+        {__LINE__, [&] { return zones_ip_netmask_to_range(&member, nullptr); }, 0, 0, missing},
+        {__LINE__, [&] { return zones_ip_netmask_to_range(nullptr, &member); }, 0, 0, missing},
+    };
+    for (const bool is_apart : {true, false}) {
+        set_zones(std::string{"{'1':{'deny_between_keys':"} + (is_apart ? "true," : "false,") + members + "}}");
+        for (const auto &[line, ask, apart, together, logged] : cases) {
+            EXPECT_EQ(ask(), is_apart ? apart : together) << "line " << line;
+            EXPECT_EQ(log(), logged) << "line " << line;
+        }
+    }
+}
+
+TEST_F(zones_test, network_as_range)
+{
+    const struct {
+        uint32_t netmask, first, last;
+    } cases[] = {{0xFFFF0000, 0x0A010000, 0x0A01FFFF},
+                 {0xFFFFFFF0, 0x0A010200, 0x0A01020F},
+                 {~0U, 0x0A010203, 0x0A010203},
+                 {0xFF00FF00, 0x0A000000, 0x0AFFFFFF},
+                 {0x00FFFFFF, 0, ~0U},
+                 {0, 0, ~0U}};
+    for (const auto &[netmask, first, last] : cases) {
+        zone_member member;
+        std::memset(&member, 'x', sizeof member);
+        zone_member want = member;
+        member.start.ip = 0x0A010203;
+        member.end.ip = netmask;
+        want.type = ZONE_MEMBER_IP_RANGE;
+        want.start.ip = first;
+        want.end.ip = last;
+        EXPECT_EQ(zones_ip_netmask_to_range(&member, &member), 1); // in place
+        EXPECT_EQ(std::memcmp(&member, &want, sizeof member), 0) << netmask;
+    }
+}
+
+TEST_F(zones_test, memory_refused)
+{
+    set_members(p_and_a);
+    for (int n = 1, is_refused = 1; is_refused; ++n) {
+        zones_free();
+        const allocation_refusal refuse{n};
+        const int answer = may_reach(address);
+        is_refused = refuse.happened();
+        EXPECT_EQ(answer, is_refused ? 0 : 1) << n;
+        EXPECT_EQ(may_reach(address), 1) << "it tries again";
+    }
+    const allocation_refusal refuse{1};
+    EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), "none");
+    EXPECT_EQ(log(), no_records);
+}
