@@ -136,6 +136,7 @@ public:
 
 private:
     const char *arg(const char *member) const { return text(op_, member); }
+    std::string given(const char *member) const { return arg(member) ? arg(member) : ""; }
     bool flag(const char *member) const { return !get(op_, member) || json_object_get_boolean(get(op_, member)); }
 
     std::string error_text(const char *prefix) const
@@ -175,8 +176,7 @@ private:
     {
         uci_ptr ptr{};
         const std::string how = arg("path") ? "path" : arg("how") ? arg("how") : "objects";
-        std::string path =
-            how == "path" ? arg("path") : std::string{arg("package")} + "." + (arg("section") ? arg("section") : "");
+        std::string path = how == "path" ? given("path") : given("package") + "." + given("section");
         if (how == "path" || (how == "objects" && arg("section"))) {
             if (const int failed = uci_lookup_ptr(ctx_, &ptr, path.data(), true))
                 return R"("stage":"lookup",)" + code(failed);
@@ -401,13 +401,14 @@ void expect_success(pid_t pid, const char *what)
     EXPECT_EQ(status, 0) << what;
 }
 
-TEST(libuci, recorded_calls)
+/// Replays each case of a file in a process of its own. Such a process inherits a failure, so the first one ends it.
+void replay_all(const std::string &name, std::size_t count)
 {
-    const owner<json_object> vectors{
-        json_object_from_file((host_path(SOURCE_DIR) + "/tests/data/libuci_vectors.json").c_str())};
+    const std::string path = host_path(SOURCE_DIR) + "/tests/data/" + name;
+    const owner<json_object> vectors{json_object_from_file(path.c_str())};
     json cases = get(vectors.get(), "cases");
-    ASSERT_EQ(json_object_array_length(cases), 144u);
-    for (std::size_t i = 0; i < 144 && !HasFailure(); ++i) { // processes inherit a failure
+    ASSERT_EQ(json_object_array_length(cases), count);
+    for (std::size_t i = 0; i < count && !testing::Test::HasFailure(); ++i) {
         json recorded = json_object_array_get_idx(cases, i);
         const pid_t pid = start([&] {
             unshare(CLONE_NEWNS);
@@ -422,6 +423,16 @@ TEST(libuci, recorded_calls)
         });
         expect_success(pid, text(recorded, "name"));
     }
+}
+
+TEST(libuci, recorded_calls)
+{
+    replay_all("libuci_vectors.json", 144);
+}
+
+TEST(libuci, beyond_the_recorded_calls)
+{
+    replay_all("libuci_own.json", 23);
 }
 
 constexpr char file[] = "/etc/config/t";
@@ -535,5 +546,92 @@ TEST(libuci, full_disk)
         EXPECT_EQ(read_file(file), "\nconfig x 's'\n\toption a '" + value + "'\n\toption b '1'\n\n");
         EXPECT_EQ(permissions(file) + read_file(saved_file), "\"0640\"");
     }
+}
+
+TEST(libuci, nul_bytes)
+{
+    using namespace std::string_literals;
+    const std::pair<std::string, std::string> cases[] = {
+        {"# \0\nconfig x s\n\toption a 1\n"s, "1"},
+        {"config x s\n\toption a '1\0'\n"s, "-"},
+        {"config x s\n\toption a 1\\\0\n"s, "-"},
+    };
+    for (const auto &[content, text] : cases) {
+        write_file(file, content);
+        write_file(saved_file, "t.s.a='2\0'\nt.s.b='3'\n"s);
+        EXPECT_EQ(read_option("a") + read_option("b"), text == "-" ? "--" : text + "3");
+    }
+}
+
+/// A daemon's steps from load to commit; stops at the first that fails, which must be for want of memory.
+int step_through(uci_context *ctx)
+{
+    uci_package *p = nullptr;
+    uci_section *added = nullptr;
+    std::string path = "t.@x[0].b=new";
+    uci_ptr ptr{};
+    int code = uci_load(ctx, "t", &p);
+    code = code ? code : uci_lookup_ptr(ctx, &ptr, path.data(), true);
+    for (const char *option : {"a", "list", "a"}) {
+        ptr.option = option;
+        ptr.o = nullptr;
+        code = code ? code : option == std::string{"a"} ? uci_add_list(ctx, &ptr) : uci_set(ctx, &ptr);
+    }
+    code = code ? code : uci_add_section(ctx, p, "route", &added);
+    code = code ? code : uci_save(ctx, p);
+    code = code ? code : uci_set_savedir(ctx, "/var/state/a_directory_with_a_long_name");
+    code = code ? code : uci_commit(ctx, &p, false);
+    code = code ? code : uci_revert(ctx, &(ptr = {}, ptr.p = p, ptr));
+    return code;
+}
+
+TEST(libuci, memory_runs_out)
+{
+    const std::string old = "\nconfig x 's'\n\toption a 'an old value that is long'\n\n";
+    int refused = 0;
+    for (bool happened = true; happened;) {
+        write_file(file, old);
+        write_file(saved_file, "");
+        {
+            const allocation_refusal refuse{++refused, "libuci.so"};
+            const auto ctx = new_context();
+            const int code = ctx ? step_through(ctx.get()) : UCI_ERR_MEM;
+            happened = refuse.happened();
+            EXPECT_EQ(code, happened ? UCI_ERR_MEM : UCI_OK) << refused;
+            if (ctx) // what it has is whole
+                array(ctx->root, [](uci_element *e) { return package(uci_to_package(e)); });
+        }
+        EXPECT_EQ(leftovers(), 0);
+        EXPECT_TRUE(read_file(file) == old || read_option("list", file) == "new") << refused << read_file(file);
+    }
+    EXPECT_GT(refused, 50);
+}
+
+TEST(libuci, header_compiles_in_c_and_cpp)
+{
+    write_file("/program.c", R"(#include <uci.h>
+#ifdef __cplusplus
+#define COMPLETE uci_ptr::UCI_LOOKUP_COMPLETE
+#else
+#define COMPLETE UCI_LOOKUP_COMPLETE
+#endif
+int daemon_step(struct uci_context *ctx, char *path);
+int daemon_step(struct uci_context *ctx, char *path)
+{
+    struct uci_element *e, *next;
+    struct uci_ptr ptr = {UCI_TYPE_UNSPEC};
+    int empty = 0;
+    if (uci_lookup_ptr(ctx, &ptr, path, true) != UCI_OK || !(ptr.flags & COMPLETE))
+        return UCI_ERR_NOTFOUND;
+    uci_foreach_element(&ptr.p->sections, e) empty += uci_list_empty(&uci_to_section(e)->options);
+    uci_foreach_element_safe(&ptr.s->options, next, e)
+        if (uci_to_option(e)->type == UCI_TYPE_STRING && uci_lookup_option_string(ctx, ptr.s, e->name))
+            ptr.o = uci_to_option(e);
+    return empty + uci_to_package(ctx->root.next)->has_delta + list_to_element(ctx->root.prev)->name[0];
+})");
+    const std::string options = " -Wall -Wextra -Wpedantic -Werror -Wno-missing-field-initializers -fsyntax-only -I" +
+                                host_path(SOURCE_DIR) + "/compat/libuci /program.c";
+    EXPECT_EQ(std::system(("gcc -std=c11" + options).c_str()), 0);
+    EXPECT_EQ(std::system(("g++ -std=c++20 -x c++" + options).c_str()), 0);
 }
 } // namespace

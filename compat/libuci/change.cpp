@@ -167,7 +167,7 @@ template <typename Body> void for_each_change(std::string_view package_name, std
         } catch (const parse_failure &) {
             continue;
         }
-        if (!reader.nothing_left())
+        if (!reader.ended_line())
             continue;
         if (const auto found = parse_change(package_name, kind, text))
             body(*found);
@@ -270,6 +270,24 @@ std::size_t apply_lines(package &to, std::string_view content)
     std::size_t applied = 0;
     for_each_change(to.name, content, [&](const change &what) { applied += apply(to, what).code == UCI_OK; });
     return applied;
+}
+
+line_end end_of_lines(std::string_view content)
+{
+    command_reader reader{content};
+    while (reader.next_line()) {
+        reader.skip_space();
+        try {
+            reader.word();
+        } catch (const parse_failure &) {
+            if (reader.at_end())
+                return {reader.line_begin(), ""};
+        }
+    }
+    // after a backslash, a line feed only continues the line
+    const bool continued = content.ends_with("\\\n") || content.ends_with("\\\r\n") || content.ends_with('\\');
+    const bool ended = content.empty() || content.ends_with('\n');
+    return {content.size(), continued ? "\n\n" : ended ? "" : "\n"};
 }
 
 std::string lines_without(std::string_view package_name, std::string_view content, std::string_view section,

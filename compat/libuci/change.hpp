@@ -49,6 +49,14 @@ std::string change_line(std::string_view package_name, const change &what);
 /// Applies the lines of a change file that fit, and gives their number.
 std::size_t apply_lines(package &to, std::string_view content);
 
+/// How much of a change file to keep before lines are appended, and what has to come between. A last line whose quote
+/// is open, as a process leaves it that is killed while it writes, would swallow them.
+struct line_end {
+    std::size_t length;
+    const char *separator;
+};
+line_end end_of_lines(std::string_view content);
+
 /// The lines of a change file without those about the section, or its option; without all if section is empty.
 std::string lines_without(std::string_view package_name, std::string_view content, std::string_view section,
                           std::string_view option);

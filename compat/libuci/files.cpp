@@ -147,9 +147,9 @@ void append(const descriptor &file, std::string_view text)
     }
 }
 
-void make_empty(const descriptor &file)
+void shorten(const descriptor &file, std::size_t length)
 {
-    check(::ftruncate(file.get(), 0) == 0);
+    check(::ftruncate(file.get(), static_cast<off_t>(length)) == 0);
 }
 
 void replace(const std::string &path, const descriptor &locked, std::string_view content)

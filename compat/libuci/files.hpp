@@ -47,8 +47,8 @@ enum class access { read, write };
 descriptor open_locked(const std::string &path, access how, mode_t create_mode = 0);
 
 std::string read_whole(const descriptor &file);
+void shorten(const descriptor &file, std::size_t length);
 void append(const descriptor &file, std::string_view text); // all of it, or the file stays as it was
-void make_empty(const descriptor &file);
 
 /// Replaces the file at path, or the file that a link there leads to, whose lock the caller has. Its mode stays.
 void replace(const std::string &path, const descriptor &locked, std::string_view content);

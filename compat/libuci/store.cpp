@@ -93,8 +93,12 @@ descriptor own_changes(context &ctx, package &of)
     descriptor file = open_locked(path, access::write, permissions(of.path, UCI_FILEMODE));
     if (!file)
         throw failure{UCI_ERR_IO};
-    append(file, of.unsaved);
-    of.unsaved.clear();
+    if (!of.unsaved.empty()) {
+        const auto [length, separator] = end_of_lines(read_whole(file));
+        shorten(file, length);
+        append(file, separator + of.unsaved);
+        of.unsaved.clear();
+    }
     return file;
 }
 
@@ -129,7 +133,7 @@ void overwrite_file(context &ctx, package &from)
     replace(from.path, file, package_text(from));
     from.unsaved.clear();
     if (saved)
-        make_empty(saved);
+        shorten(saved, 0);
 }
 
 } // namespace
@@ -183,7 +187,7 @@ void commit(context &ctx, package *&at, bool overwrite)
         return;
     replace(fresh.path, file, package_text(fresh));
     if (saved) // only now: as long as the package isn't in place, the changes must be
-        make_empty(saved);
+        shorten(saved, 0);
 }
 
 void revert(context &ctx, package *&at, const std::string &section_name, const std::string &option_name)

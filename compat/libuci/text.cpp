@@ -116,13 +116,6 @@ bool command_reader::take(char c) noexcept
     return there;
 }
 
-bool command_reader::nothing_left() const noexcept
-{
-    // a semicolon right after a plain word has taken the rest of the line with it
-    const bool cut = stop_ < end_ && content_[stop_] == ';';
-    return !cut && (at_end() || content_[at_] == '#');
-}
-
 std::string_view command_reader::keyword() noexcept
 {
     while (take(' ') || take('\t'))
@@ -159,6 +152,7 @@ std::string command_reader::word()
     bool is_plain = true;
     while (!at_end() && content_[at_] != '#') {
         const char c = content_[at_];
+        ended_by_ = c;
         if (is_space(c)) {
             stop_ = ++at_;
             return text;
@@ -180,6 +174,7 @@ std::string command_reader::word()
         is_plain = is_plain && c != '\'' && c != '"' && c != '\\';
     }
     stop_ = at_;
+    ended_by_ = at_end() ? '\0' : '#';
     return text;
 }
 

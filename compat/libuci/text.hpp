@@ -31,7 +31,9 @@ public:
     void skip_space() noexcept;
     bool take(char c) noexcept; // takes c if it comes next
     bool at_end() const noexcept { return at_ == end_; }
-    bool nothing_left() const noexcept; // but a comment
+    std::size_t line_begin() const noexcept { return begin_; }
+    /// Whether the last word ended its line, perhaps before a comment.
+    bool ended_line() const noexcept { return ended_by_ == '\n' || ended_by_ == '#' || ended_by_ == '\0'; }
 
     std::string_view keyword() noexcept; // empty when there is none
     bool end_of_command();               // checks that there are no more arguments; true when a new command follows
@@ -57,6 +59,7 @@ private:
     std::size_t keyword_at_ = 0; // where the last keyword was looked for
     std::size_t stop_ = 0;       // where the last argument ended
     bool separated_ = false;     // the last argument was a semicolon
+    char ended_by_ = '\0';       // what the last word ended at; NUL: the end of the file
 };
 
 } // namespace libuci

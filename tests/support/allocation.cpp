@@ -1,9 +1,7 @@
-// Refuses one allocation of libvandrel. The program's own malloc and its like stand before the C library's; they pass
+// Refuses one allocation of a library. The program's own malloc and its like stand before the C library's; they pass
 // every call on to the sanitizer's, except the one to be refused. Only calls made from the library's own code count,
 // and operator new also from libstdc++, which allocates on its behalf.
 #include "device_test.hpp"
-
-#include "logging.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -37,6 +35,7 @@ struct range {
 };
 
 struct {
+    std::string_view name; // of the library that the range belongs to
     range library;
     range runtime; // libstdc++
     int left = 0;  // allocations until the refused one; 0: none is to be refused
@@ -46,7 +45,7 @@ struct {
 int note_object(dl_phdr_info *object, std::size_t, void *)
 {
     const std::string_view name = object->dlpi_name;
-    range *found = name.find("libvandrel.so") != name.npos  ? &refusal.library
+    range *found = name.find(refusal.name) != name.npos     ? &refusal.library
                    : name.find("libstdc++.so") != name.npos ? &refusal.runtime
                                                             : nullptr;
     for (int i = 0; found && i < object->dlpi_phnum; ++i) {
@@ -160,10 +159,12 @@ void operator delete[](void *block, std::size_t) noexcept
     __interceptor_free(block);
 }
 
-allocation_refusal::allocation_refusal(int n)
+allocation_refusal::allocation_refusal(int n, std::string_view library)
 {
-    if (!refusal.library.holds(reinterpret_cast<const void *>(&vd_logging_log)))
+    if (refusal.name != library) {
+        refusal.name = library;
         dl_iterate_phdr(note_object, nullptr);
+    }
     refusal.happened = false;
     refusal.left = n;
 }

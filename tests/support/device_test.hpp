@@ -48,10 +48,10 @@ void write_script(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path); // empty when there is none
 int open_descriptors();                         // how many the process has
 
-/// While it lives, the n-th allocation (from 1) that libvandrel makes itself, and only that one, is refused.
+/// While it lives, the n-th allocation (from 1) that the library makes itself, and only that one, is refused.
 class allocation_refusal {
 public:
-    explicit allocation_refusal(int n);
+    explicit allocation_refusal(int n, std::string_view library = "libvandrel.so"); // a literal
     ~allocation_refusal();
     allocation_refusal(const allocation_refusal &) = delete;
     allocation_refusal &operator=(const allocation_refusal &) = delete;
