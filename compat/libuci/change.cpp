@@ -70,7 +70,7 @@ outcome remove(const change &what, section *at, option *old)
         return remove_numbered(*old, *what.value);
     else
         remove_object(old);
-    return {UCI_OK, true};
+    return {UCI_OK, true, what.option.empty() ? nullptr : at, nullptr};
 }
 
 outcome remove_equal(option *from, std::string_view value)

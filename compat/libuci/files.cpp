@@ -85,14 +85,6 @@ void remove_leftovers(const std::string &folder, const std::string &prefix)
     }
 }
 
-/// Makes the renaming itself durable.
-void sync_folder(const std::string &folder)
-{
-    const descriptor fd{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    check(static_cast<bool>(fd));
-    check(::fsync(fd.get()) == 0 || errno == EINVAL); // a file system that needs or knows no such thing
-}
-
 } // namespace
 
 descriptor open_locked(const std::string &path, access how, mode_t create_mode)
@@ -165,11 +157,13 @@ void replace(const std::string &path, const descriptor &locked, std::string_view
     struct stat old;
     check(::fstat(locked.get(), &old) == 0);
 
+    const descriptor entries{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    check(static_cast<bool>(entries));
     remove_leftovers(folder, prefix);
     successor fresh{folder, prefix};
     fresh.fill(content, old.st_mode & 07777);
     fresh.take_over(whole);
-    sync_folder(folder);
+    check(::fsync(entries.get()) == 0 || errno == EINVAL); // a file system that knows no such thing
 }
 
 mode_t permissions(const std::string &path, mode_t otherwise) noexcept

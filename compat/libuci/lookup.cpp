@@ -99,6 +99,7 @@ int resolve(context &ctx, uci_ptr &ptr, bool extended)
 {
     if (!ptr.p && !ptr.package)
         return UCI_ERR_INVAL;
+    ptr.flags = static_cast<decltype(ptr.flags)>(ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED);
     add_flag(ptr, uci_ptr::UCI_LOOKUP_DONE);
     if (!ptr.p)
         ptr.p = ctx.find(ptr.package);

@@ -49,7 +49,7 @@ void drop(package *&at) noexcept
     at = nullptr;
 }
 
-/// The texts of the change files, in the order of the directories; that of the save directory comes last.
+/// The texts of the change files in the other directories than the save directory, which is the last of the list.
 std::vector<std::string> other_changes(context &ctx, const package &of)
 {
     std::vector<std::string> texts;
@@ -58,14 +58,6 @@ std::vector<std::string> other_changes(context &ctx, const package &of)
             texts.push_back(saved_text(open_locked(change_path(folder.text, of), access::read)));
     }
     return texts;
-}
-
-std::size_t apply_all(package &to, const std::vector<std::string> &others, const std::string &own_text)
-{
-    std::size_t applied = 0;
-    for (const std::string &text : others)
-        applied += apply_lines(to, text);
-    return applied + apply_lines(to, own_text);
 }
 
 /// Makes the save directory, one level only, and for a package in a subfolder the same one there.
@@ -110,14 +102,20 @@ descriptor open_package(const package &which)
     return file;
 }
 
-/// The package read again from its file, in the place of the old one, which is gone even if that fails.
-package &reload(context &ctx, package *&at, const descriptor &file)
+/// Puts the package as its file and the changes have it in the place of the old one, which is gone even if that fails.
+/// Gives the number of lines that were applied.
+std::size_t reload(context &ctx, package *&at, const descriptor &file, const std::vector<std::string> &changes)
 {
     const std::string name = at->name;
     const std::string path = at->path;
     drop(at);
-    at = &enlist(ctx, read_package_file(ctx, name, path, file));
-    return *at;
+    auto fresh = read_package_file(ctx, name, path, file);
+    fresh->has_delta = true;
+    std::size_t applied = 0;
+    for (const std::string &text : changes)
+        applied += apply_lines(*fresh, text);
+    at = &enlist(ctx, std::move(fresh));
+    return applied;
 }
 
 void overwrite_file(context &ctx, package &from)
@@ -177,15 +175,12 @@ void commit(context &ctx, package *&at, bool overwrite)
     if (overwrite || !at->has_delta)
         return overwrite_file(ctx, *at);
     const descriptor file = open_package(*at);
-    const std::vector<std::string> others = other_changes(ctx, *at);
+    std::vector<std::string> changes = other_changes(ctx, *at);
     const descriptor saved = own_changes(ctx, *at);
-    const std::string own_text = saved_text(saved);
-
-    package &fresh = reload(ctx, at, file);
-    fresh.has_delta = true;
-    if (apply_all(fresh, others, own_text) == 0)
+    changes.push_back(saved_text(saved));
+    if (reload(ctx, at, file, changes) == 0)
         return;
-    replace(fresh.path, file, package_text(fresh));
+    replace(at->path, file, package_text(*at));
     if (saved) // only now: as long as the package isn't in place, the changes must be
         shorten(saved, 0);
 }

@@ -72,13 +72,13 @@ request resolve_change(context &ctx, uci_ptr &ptr, change_kind kind)
     }
     if (!ptr.p)
         return {UCI_ERR_INVAL, {}};
-    if (ptr.s)
+    if (ptr.s && !ptr.section)
         ptr.section = ptr.s->e.name;
-    if (ptr.o)
+    if (ptr.o && !ptr.option)
         ptr.option = ptr.o->e.name;
     request result{UCI_OK, {kind, {}, {}, {}}};
     if (ptr.section)
-        result.what.section = ptr.section;
+        result.what.section = ptr.s ? ptr.s->e.name : ptr.section;
     if (ptr.option)
         result.what.option = ptr.option;
     if (ptr.value)
@@ -206,7 +206,7 @@ int uci_lookup_ptr(uci_context *ctx, uci_ptr *ptr, char *str, bool extended)
         if (!ptr)
             return UCI_ERR_INVAL;
         if (!str)
-            return resolve(state, *ptr, extended || (ptr->flags & uci_ptr::UCI_LOOKUP_EXTENDED));
+            return resolve(state, *ptr, extended);
         *ptr = {};
         if (!parse_path(*ptr, str))
             return UCI_ERR_PARSE;
@@ -217,9 +217,10 @@ int uci_lookup_ptr(uci_context *ctx, uci_ptr *ptr, char *str, bool extended)
 int uci_lookup_next(uci_context *ctx, uci_element **e, uci_list *list, const char *name)
 {
     return call(ctx, [&](context &) -> int {
+        if (e)
+            *e = list && name ? find_element(*list, name) : nullptr;
         if (!e || !list || !name)
             return UCI_ERR_INVAL;
-        *e = find_element(*list, name);
         return *e ? UCI_OK : UCI_ERR_NOTFOUND;
     });
 }
@@ -276,10 +277,12 @@ int uci_delete(uci_context *ctx, uci_ptr *ptr)
             return code;
         if (!ptr->section)
             return UCI_ERR_INVAL;
-        const bool one_item = ptr->o && ptr->o->type == UCI_TYPE_LIST && !what.value.value_or("").empty();
-        if (!one_item)
-            what.value.reset();
-        return make(own(*ptr->p), what).code;
+        section *at = own(*ptr->p).find(what.section);
+        const option *old = at ? at->find(what.option) : nullptr;
+        if (old && old->type == UCI_TYPE_LIST && !what.value.value_or("").empty())
+            return make(own(*ptr->p), what).code;
+        what.value.reset();
+        return store_outcome(*ptr, make(own(*ptr->p), what));
     });
 }
 

@@ -201,7 +201,11 @@ int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *
 /** Appends an item to a list option, which is made if missing; a string option becomes the first item of the list. */
 int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr);
 
-/** Deletes a section, an option, or the item of a list whose number is ptr->value. UCI_ERR_NOTFOUND: not there. */
+/**
+ * Deletes a section, an option, or the item of a list whose number is ptr->value.
+ *
+ * ptr->s and ptr->o are NULL for what is gone. UCI_ERR_NOTFOUND: not there.
+ */
 int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);
 
 /** Appends the unsaved changes to the change file in the save directory. On failure they stay unsaved. */
