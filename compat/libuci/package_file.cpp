@@ -128,9 +128,12 @@ std::string package_text(package &from)
     for (section &each : sections{from.uci_package::sections}) {
         if (!each.anonymous && !is_name(each.name))
             continue;
-        text += "\nconfig " + escaped(each.type_text);
-        if (!each.anonymous)
-            text += " " + quoted(each.name);
+        text += "\nconfig ";
+        text += escaped(each.type_text);
+        if (!each.anonymous) {
+            text += ' ';
+            text += quoted(each.name);
+        }
         text += '\n';
         for (option &one : options{each.uci_section::options})
             write_option(text, one);
