@@ -6,14 +6,12 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
 #include <functional>
-#include <memory>
 #include <random>
 
+#include <endian.h>
 #include <event2/event.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <json-c/json.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,59 +22,55 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 
 namespace {
 
-constexpr char socket_path[] = "/var/run/vandrel/ipc_test.sock";
+using namespace std::string_literals;
+using strings = std::vector<std::string>;
+
 constexpr std::size_t longest_body = 999'995;
 
-/// What a handler was called with; data is "-" for NULL.
-struct heard_message {
-    int fd;
-    std::string handler, type, data;
-    bool operator==(const heard_message &) const = default;
-};
-std::vector<heard_message> heard;
-std::function<void(int, const char *)> then; // what the handlers do afterwards
+int heard_from;                               // the connection that the last message came on
+strings heard;                                // "handler type data" of each message; NULL data is -
+std::function<void(int, std::string)> answer; // what handlers do
 
 void note(const char *handler, int fd, const char *type, json_object *data)
 {
+    heard_from = fd;
     const std::string text = data ? json_object_to_json_string_ext(data, JSON_C_TO_STRING_PLAIN) : "-";
-    heard.push_back({fd, handler, type, text});
-    if (then)
-        then(fd, type);
+    heard.push_back(handler + " "s + type + " " + text);
+    if (answer)
+        answer(fd, type);
 }
-void by_default(int fd, const char *type, json_object *data)
-{
-    note("default", fd, type, data);
-}
-void by_name(int fd, const char *type, json_object *data)
-{
-    note("named", fd, type, data);
-}
+const ipc_callback by_default = [](int fd, const char *type, json_object *data) { note("default", fd, type, data); };
+const ipc_callback by_name = [](int fd, const char *type, json_object *data) { note("named", fd, type, data); };
 
-std::string frame(std::string_view body)
+std::string frame(const std::string &body)
 {
-    const auto n = static_cast<unsigned>(body.size());
-    std::string bytes;
-    for (const int shift : {24, 16, 8, 0})
-        bytes += static_cast<char>(n >> shift & 0xFF);
-    return bytes.append(body);
+    const std::uint32_t header = htobe32(static_cast<std::uint32_t>(body.size()));
+    return std::string(reinterpret_cast<const char *>(&header), 4) + body;
 }
 std::string message(const std::string &type, const std::string &data)
 {
-    return frame(R"({"type":")" + type + R"(","data":)" + data + '}' + '\0');
+    return frame(R"({"type":")" + type + R"(","data":)" + data + "}\0"s);
 }
-
-struct object {
-    explicit object(const std::string &text) : json{json_tokener_parse(text.c_str())} {}
-    object(const object &) = delete;
-    object &operator=(const object &) = delete;
-    ~object() { json_object_put(json); }
-    operator json_object *() const { return json; }
-    json_object *json;
-};
+template <typename Send> int with_json(const std::string &text, Send send)
+{
+    json_object *object = json_tokener_parse(text.c_str());
+    const int result = send(object);
+    json_object_put(object);
+    return result;
+}
+int write_to(int fd, const std::string &text)
+{
+    return with_json(text, [fd](json_object *object) { return ipc_write(fd, object); });
+}
+bool is_closed(int fd)
+{
+    char byte;
+    return recv(fd, &byte, 1, MSG_DONTWAIT) == 0 || errno != EAGAIN;
+}
 
 struct ipc_test : device_test {
     event_base *base = event_base_new();
-    std::vector<int> raw; // descriptors of peers that are no part of the library
+    std::vector<int> raw; // descriptors of peers, which are no part of the library
 
     ipc_test()
     {
@@ -89,64 +83,30 @@ struct ipc_test : device_test {
         for (int fd = 3; fd < 2000; ++fd)
             ipc_close(fd);
         event_base_free(base);
-        then = nullptr;
     }
     bool run_until(const std::function<bool()> &done)
     {
-        for (const auto start = std::chrono::steady_clock::now(); !done();) {
-            if (std::chrono::steady_clock::now() - start > std::chrono::seconds{15})
-                return false;
+        const auto start = std::chrono::steady_clock::now();
+        while (!done() && std::chrono::steady_clock::now() - start < std::chrono::seconds{15})
             event_base_loop(base, EVLOOP_NONBLOCK);
-        }
-        return true;
+        return done();
     }
-    bool run_until_heard(std::size_t n)
+    void run(int turns = 5)
     {
-        return run_until([n] { return heard.size() >= n; });
-    }
-    void run()
-    {
-        for (int i = 0; i < 5; ++i)
-            event_base_loop(base, EVLOOP_NONBLOCK);
+        run_until([&] { return turns-- <= 0; });
     }
     int server(const char *name = "test") { return ipc_server_new(name, base, by_default); }
-    /// A plain socket, connected to the server and accepted by it.
-    int peer()
+    void send(int fd, std::string_view bytes) // lets the loop run where the socket doesn't take all at once
     {
-        sockaddr_un address{AF_UNIX, {}};
-        std::strcpy(address.sun_path, socket_path);
-        raw.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        EXPECT_EQ(connect(raw.back(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-        run();
-        return raw.back();
-    }
-    /// The same, and the library's descriptor for it.
-    std::pair<int, int> known_peer()
-    {
-        const int fd = peer();
-        send(fd, message("hello", "1"));
-        EXPECT_TRUE(run_until([] { return !heard.empty() && heard.back().type == "hello"; }));
-        const int handle = heard.back().fd;
-        heard.clear();
-        return {fd, handle};
-    }
-    static void send(int fd, std::string_view bytes)
-    {
-        EXPECT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-    }
-    /// Sends while the loop runs, for more than a socket takes at once.
-    void stream(int fd, std::string_view bytes)
-    {
-        EXPECT_TRUE(run_until([&] {
-            if (const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); sent > 0)
-                bytes.remove_prefix(static_cast<std::size_t>(sent));
+        run_until([&] {
+            const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            bytes.remove_prefix(sent > 0 ? static_cast<std::size_t>(sent) : 0);
             return bytes.empty();
-        }));
+        });
     }
     std::string receive(int fd, std::size_t size)
     {
-        std::string bytes;
-        std::string part(1 << 16, '\0');
+        std::string bytes, part(1 << 16, '\0');
         run_until([&] {
             for (ssize_t n; (n = recv(fd, part.data(), part.size(), 0)) > 0;)
                 bytes.append(part, 0, static_cast<std::size_t>(n));
@@ -154,280 +114,261 @@ struct ipc_test : device_test {
         });
         return bytes;
     }
+    /// A plain socket that is connected to the server, and the library's descriptor for it.
+    std::pair<int, int> peer()
+    {
+        const sockaddr_un address{AF_UNIX, "/var/run/vandrel/ipc_test.sock"};
+        raw.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        EXPECT_EQ(connect(raw.back(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        heard.clear();
+        send(raw.back(), message("hello", "1"));
+        EXPECT_TRUE(run_until([] { return heard == strings{"default hello 1"}; }));
+        heard.clear();
+        return {raw.back(), heard_from};
+    }
 };
-
-bool is_closed(int fd)
-{
-    char byte;
-    return recv(fd, &byte, 1, MSG_DONTWAIT) == 0 || (errno != EAGAIN && errno != EINTR);
-}
 
 TEST_F(ipc_test, messages_reach_their_handler)
 {
     server();
+    const int fd = peer().first;
     ipc_register_callback("named", by_default);
-    ipc_register_callback("named", by_name);
-    ipc_register_callback("error", by_name);
+    for (const char *type : {"named", "error", R"(a\/b)", "gone"})
+        ipc_register_callback(type, by_name);
     ipc_register_callback("none", nullptr);
-    ipc_register_callback(R"(a\/b)", by_name);
-    ipc_register_callback("gone", by_name);
+    ipc_register_callback(nullptr, by_name);
     ipc_deregister_callback("gone");
     ipc_deregister_callback(nullptr);
-    ipc_register_callback(nullptr, by_name);
-    const int fd = peer();
-    const std::string longest = R"({"type":"long","data":")" + std::string(longest_body - 26, 'x') + R"("})" + '\0';
-    const struct {
-        std::string body;
-        const char *handler, *type, *data; // no handler: dropped
-    } cases[] = {
-        {R"({"type":"x","data":{"a":1}})" + std::string{'\0'}, "default", "x", R"({"a":1})"},
-        {R"({"type":"named","other":[]})" + std::string{'\0'}, "named", "named", "-"},
-        {R"({"data":null,"type":"none"})" + std::string{'\0'}, "default", "none", "-"},
-        {R"({"type":"a/b","data":0})" + std::string{'\0'}, "named", R"(a\/b)", "0"},
-        {R"({"type":"gone"})" + std::string{'\0'}, "default", "gone", "-"},
-        {R"({"type":"","data":[]})" + std::string{'\0'}, "default", "", "[]"},
-        {R"({"type":"error","data":1})" + std::string{'\0'}, "named", "error", "1"},
-        {R"({"type":1,"type":"last"})" + std::string{'\0'}, "default", "last", "-"},
-        {R"({"type":"no NUL"})", "default", "no NUL", "-"},
-        {R"({'type':'odd'} /* never closed)", "default", "odd", "-"},
-        {R"({"type":"t"} trailing)", "default", "t", "-"},
-        {R"({"type":"t"})" + std::string("\0{\"type\":", 9), "default", "t", "-"},
-        {longest, "default", "long", nullptr},
-        {"", nullptr, nullptr, nullptr},
-        {std::string{'\0'}, nullptr, nullptr, nullptr},
-        {R"({"type":"cut")", nullptr, nullptr, nullptr},
-        {R"({"type":"cut","data":)" + std::string{'\0'} + "1}", nullptr, nullptr, nullptr},
-        {"null" + std::string{'\0'}, nullptr, nullptr, nullptr},
-        {R"(["type"])" + std::string{'\0'}, nullptr, nullptr, nullptr},
-        {R"({"data":1})" + std::string{'\0'}, nullptr, nullptr, nullptr},
-        {R"({"type":5})" + std::string{'\0'}, nullptr, nullptr, nullptr},
-        {R"({"type":null})" + std::string{'\0'}, nullptr, nullptr, nullptr},
+    const std::string long_text = '"' + std::string(longest_body - 26, 'x') + '"';
+    const std::pair<std::string, std::string> cases[] = {
+        {"{\"type\":\"x\",\"data\":{\"a\":1}}\0"s, "default x {\"a\":1}"},
+        {"{'type':'named','other':[]}\0"s, "named named -"},
+        {"{'data':null,'type':'none'}\0"s, "default none -"},
+        {"{'type':'a/b','data':0}\0"s, "named a\\/b 0"},
+        {"{'type':'gone','data':''}\0"s, "default gone \"\""},
+        {"{'type':'error','data':1}\0"s, "named error 1"},
+        {"{'type':1,'type':'last'}\0"s, "default last -"},
+        {"{'type':'no NUL'}", "default no NUL -"},
+        {"{'type':''} /* never closed", "default  -"},
+        {"{'type':'t'} trailing\0"s, "default t -"},
+        {"{'type':'t'}\0{'type':"s, "default t -"},
+        {"{'type':'long','data':" + long_text + "}\0"s, "default long " + long_text},
+        {"", ""},
+        {"\0"s, ""},
+        {"{'type':'cut'", ""},
+        {"{'type':'cut','data':\0001}"s, ""},
+        {"null\0"s, ""},
+        {"['type']\0"s, ""},
+        {"{'data':1}\0"s, ""},
+        {"{'type':5}\0"s, ""},
+        {"{'type':null}\0"s, ""},
     };
-    for (const auto &[body, handler, type, data] : cases) {
+    for (const auto &[body, want] : cases) {
         heard.clear();
-        stream(fd, frame(body) + message("end", "0"));
-        EXPECT_TRUE(run_until([] { return !heard.empty() && heard.back().type == "end"; })) << body.substr(0, 80);
-        ASSERT_EQ(heard.size(), handler ? 2U : 1U) << body.substr(0, 80);
-        if (handler) {
-            EXPECT_EQ(heard[0], (heard_message{heard[1].fd, handler, type, data ? data : heard[0].data}));
-        }
+        send(fd, frame(body) + message("end", "0"));
+        EXPECT_TRUE(run_until([] { return !heard.empty() && heard.back() == "default end 0"; }));
+        EXPECT_EQ(heard, want.empty() ? strings{"default end 0"} : (strings{want, "default end 0"}));
     }
     EXPECT_EQ(log(), records{});
+    heard.clear();
     ipc_deregister_all_callbacks("named");
     send(fd, message("named", "1") + message("error", "2"));
+    EXPECT_TRUE(run_until([] { return heard == strings{"default named 1", "named error 2"}; }));
     ipc_deregister_all_callbacks(nullptr);
     ipc_register_callback("x", by_name);
     send(fd, message("error", "3") + message("x", "4"));
-    heard.clear();
-    EXPECT_TRUE(run_until_heard(4));
-    EXPECT_EQ(heard[0].handler + heard[1].handler + heard[2].handler + heard[3].handler, "defaultdefaultdefaultnamed");
+    EXPECT_TRUE(run_until([] { return heard.size() == 4; }));
+    EXPECT_EQ(heard[2] + heard[3], "default error 3named x 4");
 }
 
 TEST_F(ipc_test, frames_survive_every_cut)
 {
     server();
-    const int fd = peer();
-    const std::string stream_of_three =
-        message("one", "[1]") + frame("") + message("two", "{}") + message("three", "3");
-    for (std::size_t cut = 0; cut <= stream_of_three.size(); ++cut) {
+    const int fd = peer().first;
+    const std::string stream = message("one", "[1]") + frame("") + message("two", "{}") + message("three", "3");
+    for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
         heard.clear();
-        send(fd, std::string_view{stream_of_three}.substr(0, cut));
+        send(fd, stream.substr(0, cut));
         run();
-        send(fd, std::string_view{stream_of_three}.substr(cut));
-        ASSERT_TRUE(run_until_heard(3)) << cut;
-        EXPECT_EQ(heard[0].type + heard[1].type + heard[2].type, "onetwothree") << cut;
+        send(fd, stream.substr(cut));
+        run();
+        EXPECT_EQ(heard, (strings{"default one [1]", "default two {}", "default three 3"})) << cut;
     }
 }
 
-TEST_F(ipc_test, writes_whole_frames)
+TEST_F(ipc_test, writes_whole_frames_or_nothing)
 {
     const int listening = server();
-    const auto [fd, handle] = known_peer();
-    EXPECT_EQ(ipc_write(handle, object{R"({"type":"abcd"})"}), 0);
+    const auto [fd, handle] = peer();
+    EXPECT_EQ(write_to(handle, R"({"type":"abcd"})"), 0);
     char byte;
     EXPECT_EQ(recv(fd, &byte, 1, 0), -1) << "it leaves as the loop runs";
-    EXPECT_EQ(receive(fd, 23), std::string("\0\0\0\x13{ \"type\": \"abcd\" }\0", 23));
-    const std::string long_text(longest_body - 3, 'x'); // with its quotes and the NUL, the longest body
-    const object longest{'"' + long_text + '"'};
-    EXPECT_EQ(ipc_write(handle, longest), 0);
-    EXPECT_EQ(receive(fd, longest_body + 4).substr(4), '"' + long_text + '"' + '\0');
-    log();
-    const struct {
-        int fd;
-        records want;
-    } refused[] = {
-        {-1, {warning("FD is -1", "ipc.c")}},
-        {listening, {warning("ERROR, no bufferevent found for fd " + std::to_string(listening), "ipc.c", EBADF)}},
-        {54321, {warning("ERROR, no bufferevent found for fd 54321", "ipc.c", EBADF)}},
-        {handle, {warning("Message of 999996 bytes is too long", "ipc.c")}},
+    EXPECT_EQ(receive(fd, 23), "\0\0\0\x13{ \"type\": \"abcd\" }\0"s);
+    const std::string longest = '"' + std::string(longest_body - 3, 'x') + '"';
+    EXPECT_EQ(write_to(handle, longest), 0);
+    EXPECT_EQ(receive(fd, longest_body + 4), frame(longest + '\0'));
+    const std::pair<int, record> refused[] = {
+        {-1, warning("FD is -1", "ipc.c")},
+        {listening, warning("ERROR, no bufferevent found for fd " + std::to_string(listening), "ipc.c", EBADF)},
+        {54321, warning("ERROR, no bufferevent found for fd 54321", "ipc.c", EBADF)},
+        {handle, warning("Message of 999996 bytes is too long", "ipc.c")},
     };
-    const object too_long{'"' + long_text + "x\""};
     for (const auto &[to, want] : refused) {
-        errno = EBADF;
-        EXPECT_EQ(ipc_write(to, too_long), -1);
-        EXPECT_EQ(log(), want);
+        const auto send_too_long = [to](json_object *object) { return errno = EBADF, ipc_write(to, object); };
+        EXPECT_EQ(with_json('"' + longest.substr(1, longest_body - 3) + "x\"", send_too_long), -1);
+        EXPECT_EQ(log(), records{want});
     }
     testing::internal::CaptureStderr();
-    int queued = 0;
-    while (ipc_write(handle, longest) == 0)
+    std::size_t queued = 0;
+    while (write_to(handle, longest) == 0)
         ++queued;
-    EXPECT_EQ(errno, ENOBUFS);
-    EXPECT_EQ(queued, 67); // times 999999 is just below 64 MiB
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "write: No buffer space available\n");
-    EXPECT_EQ(receive(fd, 67 * (longest_body + 4)).size(), 67 * (longest_body + 4)) << "and nothing of the refused one";
+    EXPECT_EQ(queued, 67U); // times 999999 is just below 64 MiB
+    EXPECT_EQ(receive(fd, queued * (longest_body + 4)).size(), queued * (longest_body + 4));
 }
 
 TEST_F(ipc_test, ends_are_noticed)
 {
     server();
     ipc_register_callback("error", by_name); // never gets the notice
-    const auto [staying, other] = known_peer();
-    const auto end = warning("end of file or error ", "ipc.c");
+    const auto [staying, other] = peer();
+    const record event = info("Event", "ipc.c");
+    const record end = warning("end of file or error ", "ipc.c");
+    const auto too_long = [](const char *n) { return warning("Message of "s + n + " bytes is too long", "ipc.c"); };
     const struct {
-        std::function<void(int, int)> how; // of a peer's descriptor and the library's for it
+        std::string sent;
+        int shut; // of the peer's socket
         records want;
         const char *printed;
     } cases[] = {
-        {[](int fd, int) { shutdown(fd, SHUT_WR); }, {info("Event", "ipc.c"), end}, ""},
-        {[](int fd, int) { send(fd, std::string("\0\0\0\x09{\"ty", 8)), shutdown(fd, SHUT_WR); },
-         {info("Event", "ipc.c"), end},
-         ""},
-        {[](int fd, int) { send(fd, std::string("\0\x0f\x42\x3c", 4)); },
-         {warning("Message of 999996 bytes is too long", "ipc.c"), end},
-         ""},
-        {[](int fd, int) { send(fd, "\xff\xff\xff\xff more"); },
-         {warning("Message of 4294967295 bytes is too long", "ipc.c"), end},
-         ""},
-        {[](int fd, int handle) { shutdown(fd, SHUT_RD), ipc_write(handle, object{"{}"}); }, // SIGPIPE comes and goes
-         {info("Event", "ipc.c"), warning("Bufferevent error", "ipc.c"), end},
-         "Error from bufferevent: Broken pipe\n"},
+        {"", SHUT_WR, {event, end}, ""},
+        {"\0\0\0\x09{\"ty"s, SHUT_WR, {event, end}, ""},
+        {"\0\x0f\x42\x3c"s, -1, {too_long("999996"), end}, ""},
+        {"\xff\xff\xff\xff more", -1, {too_long("4294967295"), end}, ""},
+        {message("answer me", "0"),
+         SHUT_RD,
+         {event, warning("Bufferevent error", "ipc.c"), end},
+         "Error from bufferevent: Broken pipe\n"}, // and no SIGPIPE
     };
-    for (const auto &[how, want, printed] : cases) {
-        const auto [fd, handle] = known_peer();
+    answer = [](int fd, const std::string &type) { type == "answer me" ? write_to(fd, "{}") : 0; };
+    for (const auto &[sent, shut, want, printed] : cases) {
+        const auto [fd, handle] = peer();
         log();
         testing::internal::CaptureStderr();
-        how(fd, handle);
-        EXPECT_TRUE(run_until_heard(1));
+        shutdown(fd, shut == SHUT_RD ? shut : -1);
+        send(fd, sent);
+        shutdown(fd, shut);
         run();
         EXPECT_EQ(testing::internal::GetCapturedStderr(), printed);
-        EXPECT_EQ(heard, (std::vector<heard_message>{{handle, "default", "error", "-"}}));
+        EXPECT_EQ(std::pair(heard.back(), heard_from), std::pair("default error -"s, handle));
+        EXPECT_EQ(std::count(heard.begin(), heard.end(), heard.back()), 1);
         EXPECT_EQ(log(), want);
         EXPECT_TRUE(is_closed(fd));
-        EXPECT_EQ(ipc_write(handle, nullptr), -1);
-        EXPECT_EQ(ipc_write(other, object{"{}"}), 0);
-        EXPECT_FALSE(receive(staying, 1).empty());
+        EXPECT_EQ(write_to(handle, "{}"), -1);
+        EXPECT_EQ(write_to(other, "{}"), 0);
+        EXPECT_EQ(receive(staying, 8), frame("{ }\0"s));
     }
 }
 
 TEST_F(ipc_test, handlers_may_change_the_bus)
 {
     server();
-    static int victim;
-    static event_base *loop;
-    const auto [fd, handle] = known_peer();
-    const auto [other_fd, other] = known_peer();
-    victim = other;
-    loop = base;
+    const auto [fd, handle] = peer();
+    const auto [other_fd, other] = peer();
+    int fresh = -1;
     ipc_register_callback("once", by_name);
-    then = [](int from, const char *type) {
-        ipc_deregister_callback(type);
-        if (std::string_view{type} == "once")
-            ipc_close(victim);
-        if (std::string_view{type} == "self")
+    answer = [&, other = other](int from, const std::string &type) {
+        ipc_deregister_callback(type.c_str());
+        if (type == "once")
+            ipc_close(other);
+        if (type == "self" || type == "error")
             ipc_close(from);
-        if (std::string_view{type} == "error") {
-            ipc_close(from);
-            victim = ipc_client_new("test", loop, by_default);
-        }
+        if (type == "error")
+            fresh = ipc_client_new("test", base, by_default);
     };
-    send(other_fd, message("waiting", "1"));
     send(fd, message("once", "1") + message("once", "2") + message("self", "3") + message("lost", "4"));
-    EXPECT_TRUE(run_until_heard(3));
+    send(other_fd, message("waiting", "5"));
     run();
-    const bool waiting_first = heard[0].type == "waiting"; // which connection is read first is open
-    EXPECT_EQ(heard.size(), waiting_first ? 4U : 3U);
-    EXPECT_EQ(heard[waiting_first].handler + heard[waiting_first + 1].handler, "nameddefault");
+    std::erase(heard, "default waiting 5"); // where that connection was read first
+    EXPECT_EQ(heard, (strings{"named once 1", "default once 2", "default self 3"}));
     EXPECT_TRUE(is_closed(fd) && is_closed(other_fd));
 
-    const auto [ending_fd, ending] = known_peer();
+    const auto [ending_fd, ending] = peer();
     shutdown(ending_fd, SHUT_WR);
-    EXPECT_TRUE(run_until_heard(1));
-    EXPECT_EQ(victim, ending) << "the notice closed and connected anew, which gave the same descriptor";
-    EXPECT_EQ(ipc_write(victim, object{R"({"type":"again"})"}), 0);
-    EXPECT_TRUE(run_until_heard(2));
-    EXPECT_EQ(heard.back().type, "again");
+    EXPECT_TRUE(run_until([&] { return fresh >= 0; }));
+    EXPECT_EQ(fresh, ending) << "closed and connected anew, which gives the same descriptor";
+    EXPECT_EQ(write_to(fresh, R"({"type":"again"})"), 0);
+    EXPECT_TRUE(run_until([] { return heard.back() == "default again -"; }));
 }
 
 TEST_F(ipc_test, a_server_and_its_socket_file)
 {
-    write_file(socket_path, "left behind");
+    const auto status_of = [](const std::string &name) {
+        struct stat status {};
+        stat(("/var/run/vandrel/ipc_" + name + ".sock").c_str(), &status);
+        return status;
+    };
+    write_file("/var/run/vandrel/ipc_test.sock", "left behind");
     const int before = open_descriptors();
+    ipc_close(7); // before there was anything
     const int first = server();
-    struct stat status {};
-    stat(socket_path, &status);
-    EXPECT_TRUE(S_ISSOCK(status.st_mode));
-    EXPECT_EQ(status.st_gid, 0U);
+    EXPECT_TRUE(S_ISSOCK(status_of("test").st_mode));
     EXPECT_EQ(log(), records{}) << "without the group, nothing to say";
-    write_file("/etc/group", "root:x:0:\nvdipc:x:" + std::to_string(several_ids() ? 77 : 0) + ":\n");
-    const int second = server(); // of the same name: takes the place of the first
-    stat(socket_path, &status);
-    EXPECT_EQ(status.st_gid, several_ids() ? 77U : 0U);
-    EXPECT_EQ(status.st_mode & 07777, 0770U);
-    const auto [fd, handle] = known_peer();
+    const gid_t gid = several_ids() ? 77 : 0;
+    write_file("/etc/group", "root:x:0:\nvdipc:x:" + std::to_string(gid) + ":\n");
+    const int second = server(); // takes the place of the first
+    EXPECT_EQ(status_of("test").st_gid, gid);
+    EXPECT_EQ(status_of("test").st_mode & 07777, 0770U);
+    const int handle = peer().second;
     const int third = server("other");
-    EXPECT_NE(access(socket_path, F_OK), 0);
+    EXPECT_EQ(status_of("test").st_mode, 0U);
     EXPECT_EQ(open_descriptors(), before + 1 + 2) << "one listener, two ends";
-    for (const int ours : {third, handle})
-        EXPECT_EQ(fcntl(ours, F_GETFD), FD_CLOEXEC);
-    ipc_close(first);
-    ipc_close(second);
-    ipc_close(-1);
+    EXPECT_EQ(fcntl(third, F_GETFD) & fcntl(handle, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(server("no/such/folder"), -1);
-    EXPECT_EQ(log(), (records{warning("cannot bind", "ipc.c", ENOENT)}));
-    EXPECT_EQ(access("/var/run/vandrel/ipc_other.sock", F_OK), 0) << "the one before stays";
+    EXPECT_EQ(ipc_server_new("x", nullptr, by_default) + ipc_server_new(nullptr, base, by_default), -2);
+    const auto refused = [](int err) { return warning("cannot bind", "ipc.c", err); };
+    EXPECT_EQ(log(), (records{refused(ENOENT), refused(EINVAL), refused(EINVAL)}));
+    for (const int closed : {first, second, -1})
+        ipc_close(closed);
+    EXPECT_NE(status_of("other").st_mode, 0U) << "the one before stays";
     ipc_close(third);
     ipc_close(third);
-    EXPECT_NE(access("/var/run/vandrel/ipc_other.sock", F_OK), 0);
-    EXPECT_EQ(ipc_write(handle, nullptr), 0) << "accepted connections stay";
-    EXPECT_EQ(ipc_server_new("x", nullptr, by_default), -1);
-    EXPECT_EQ(ipc_client_new(nullptr, base, by_default), -1);
-    EXPECT_EQ(log(), (records{warning("cannot bind", "ipc.c", EINVAL), warning("connect", "ipc.c", EINVAL)}));
+    EXPECT_EQ(status_of("other").st_mode, 0U);
+    EXPECT_EQ(write_to(handle, "{}"), 0) << "accepted connections stay";
 }
 
 TEST_F(ipc_test, a_client_connects_or_leaves_nothing)
 {
-    ipc_close(7); // before there was anything
     for (const std::size_t length : {80U, 81U}) {
         const std::string name(length, 'n');
         server(name.c_str());
         const int before = open_descriptors();
         const int fd = ipc_client_new(name.c_str(), base, by_default);
-        const std::string path = ("/var/run/vandrel/ipc_" + name + ".sock").substr(0, 106);
-        records want{info("Connect client to " + path, "ipc.c")};
-        if (length > 80)
+        EXPECT_EQ(fd >= 0, length == 80) << "the client's path has a character less than the server's";
+        records want{info("Connect client to " + ("/var/run/vandrel/ipc_" + name + ".sock").substr(0, 106), "ipc.c")};
+        if (fd >= 0)
+            EXPECT_EQ(std::pair(fcntl(fd, F_GETFD), fcntl(fd, F_GETFL) & O_NONBLOCK),
+                      std::pair(FD_CLOEXEC, O_NONBLOCK));
+        else
             want.push_back(warning("connect", "ipc.c", ENOENT));
-        EXPECT_EQ(fd >= 0, length == 80);
         EXPECT_EQ(log(), want);
-        EXPECT_EQ(open_descriptors(), before + (fd >= 0));
-        if (fd < 0)
-            continue;
-        EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
-        EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-        struct sigaction action {};
-        sigaction(SIGPIPE, nullptr, &action);
-        EXPECT_TRUE(action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
         ipc_close(fd);
-        EXPECT_EQ(open_descriptors(), before) << "closed at once, not only when the loop runs";
+        EXPECT_EQ(open_descriptors(), before) << "closed at once, not only as the loop runs";
     }
+    struct sigaction action {};
+    sigaction(SIGPIPE, nullptr, &action);
+    EXPECT_TRUE(action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
+    EXPECT_EQ(ipc_client_new(nullptr, base, by_default) + ipc_client_new("x", nullptr, by_default), -2);
+    EXPECT_EQ(log(), (records{warning("connect", "ipc.c", EINVAL), warning("connect", "ipc.c", EINVAL)}));
 }
 
 TEST_F(ipc_test, subscriptions)
 {
-    const auto subscribers = [](const char *type) {
-        int fds[50];
-        return std::vector<int>(fds, fds + ipc_server_get_subscibers(fds, type));
-    };
     using fds = std::vector<int>;
+    const auto subscribers = [](const char *type) {
+        int room[50];
+        return fds(room, room + ipc_server_get_subscibers(room, type));
+    };
     EXPECT_EQ(ipc_server_remove_subscriber(7) + ipc_server_remove_subscriber_typed("a", 7), 0);
     for (const auto &[type, fd] : {std::pair{"a", 7}, {"b", 7}, {"a", 8}, {"a", 7}})
         EXPECT_EQ(ipc_server_add_subscriber(type, fd), 0);
@@ -444,24 +385,24 @@ TEST_F(ipc_test, subscriptions)
     ipc_server_remove_all_subscribers(-1);
     EXPECT_EQ(subscribers("full"), fds{});
 
-    ipc_server_remove_all_subscribers(server()); // without a subscription it stays
-    const auto [fd, handle] = known_peer();
-    const auto [other_fd, other] = known_peer();
+    server();
+    const auto [fd, handle] = peer();
+    const auto [other_fd, other] = peer();
+    ipc_server_remove_all_subscribers(handle); // without a subscription it stays
     for (const int to : {handle, 54321, other})
         EXPECT_EQ(ipc_server_add_subscriber("news", to), 0);
-    ipc_server_add_subscriber("more", handle);
-    log();
+    EXPECT_EQ(ipc_server_add_subscriber("more", handle), 0);
+    const auto publish = [](json_object *object) { return ipc_server_write_to_subscribers("news", object); };
     for (const std::size_t size : {10U, 100'000U}) {
         const std::string text = '"' + std::string(size, 'n') + '"';
-        EXPECT_EQ(ipc_server_write_to_subscribers("news", object{text}), 1);
+        EXPECT_EQ(with_json(text, publish), 1);
         EXPECT_EQ(receive(fd, size + 7), frame(text + '\0'));
         EXPECT_EQ(receive(other_fd, size + 7), frame(text + '\0'));
         EXPECT_EQ(log().size(), 1U);
     }
     EXPECT_EQ(ipc_server_write_to_subscribers("none", nullptr) + ipc_server_write_to_subscribers(nullptr, nullptr), 0);
     ipc_server_remove_all_subscribers(handle);
-    EXPECT_TRUE(is_closed(fd));
-    EXPECT_FALSE(is_closed(other_fd));
+    EXPECT_TRUE(is_closed(fd) && !is_closed(other_fd));
     EXPECT_EQ(subscribers("news"), (fds{54321, other}));
     EXPECT_EQ(subscribers("more"), fds{});
 }
@@ -470,46 +411,37 @@ TEST_F(ipc_test, a_crowd_gets_its_answers_past_a_peer_that_does_not_read)
 {
     server();
     ipc_register_callback("question", [](int fd, const char *, json_object *data) {
-        json_object *answer = json_object_new_object();
-        json_object_object_add(answer, "answer", json_object_get(data));
-        EXPECT_EQ(ipc_write(fd, answer), 0);
-        json_object_put(answer);
+        write_to(fd, "[" + std::to_string(json_object_get_int(data)) + "]");
     });
     const auto round = [this] {
-        const auto [deaf_fd, deaf] = known_peer();
-        const object large{'"' + std::string(500'000, 'x') + '"'};
+        const auto [deaf_fd, deaf] = peer();
         for (int i = 0; i < 100; ++i)
-            EXPECT_EQ(ipc_write(deaf, large), 0);
+            EXPECT_EQ(write_to(deaf, '"' + std::string(500'000, 'x') + '"'), 0);
         std::vector<int> crowd(500);
-        std::generate(crowd.begin(), crowd.end(), [this] { return peer(); });
+        std::generate(crowd.begin(), crowd.end(), [this] { return peer().first; });
         std::mt19937 random{5};
-        std::vector<std::string> want(crowd.size());
-        for (std::size_t question = 0; question < 20; ++question) {
-            for (std::size_t i = 0; i < crowd.size(); ++i) {
-                std::string garbage(random() % 40, '\0');
-                std::generate(garbage.begin(), garbage.end(), [&] { return static_cast<char>(random()); });
-                const std::string data = std::to_string(i * 100 + question);
-                send(crowd[i], frame(garbage) + message("question", data));
-                want[i] += frame("{ \"answer\": " + data + " }" + '\0');
-            }
-            run();
+        strings want(crowd.size());
+        for (std::size_t i = 0; i < 20 * crowd.size(); ++i) {
+            const std::size_t one = i % crowd.size();
+            std::string garbage(random() % 40, '\0');
+            std::generate(garbage.begin(), garbage.end(), [&] { return static_cast<char>(random()); });
+            send(crowd[one], frame(garbage) + message("question", std::to_string(i)));
+            want[one] += frame("[ " + std::to_string(i) + " ]\0"s);
         }
         for (std::size_t i = 0; i < crowd.size(); ++i)
             EXPECT_EQ(receive(crowd[i], want[i].size()), want[i]);
         EXPECT_EQ(receive(deaf_fd, 100 * 500'007).size(), 100 * 500'007U);
         for (const int fd : std::exchange(raw, {})) {
             close(fd);
-            run();
-            log(); // which holds some hundred records only
+            run(3);
+            log(); // which has room for some hundred records
         }
-        heard.clear();
     };
     round(); // what grows with the highest descriptor has its size from here on
     const auto [memory, descriptors] = std::pair{__sanitizer_get_current_allocated_bytes(), open_descriptors()};
     round();
     EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_LE(__sanitizer_get_current_allocated_bytes(),
-              memory + 16'000); // 32 bytes for each connection, 2 for each message
+    EXPECT_LE(__sanitizer_get_current_allocated_bytes(), memory + 16'000); // 32 bytes for each connection
 }
 
 TEST_F(ipc_test, refused_memory_leaves_the_bus_working)
@@ -517,26 +449,24 @@ TEST_F(ipc_test, refused_memory_leaves_the_bus_working)
     static int arrived;
     const ipc_callback count = [](int, const char *type, json_object *) { arrived += *type == 'n'; };
     ipc_server_new("test", base, count);
-    const object news{R"({"type":"news","data":")" + std::string(5000, 'x') + "\"}"};
+    const std::string news = R"({"type":"news","data":")" + std::string(5000, 'x') + "\"}";
     bool refused = true;
     for (int n = 1; refused; ++n) {
         const int before = open_descriptors();
         arrived = 0;
-        int fd, failed = 0;
-        bool subscribed, kept;
-        {
+        int fd = -1, failures = 0;
+        with_json(news, [&](json_object *object) {
             const allocation_refusal refuse{n};
             fd = ipc_client_new("test", base, count);
-            ipc_register_callback("news", count);
             ipc_register_callback("a name too long to be stored without an allocation", nullptr);
-            subscribed = ipc_server_add_subscriber("news too long to be stored without an allocation", fd) == 0;
-            kept = ipc_server_add_subscriber("news", fd) == 0;
+            failures += ipc_server_add_subscriber("a type too long to be stored without an allocation", fd) != 0;
+            failures += ipc_server_add_subscriber("news", fd) != 0;
             run();
-            failed = ipc_server_write_to_subscribers("news", news);
+            failures += ipc_server_write_to_subscribers("news", object);
             run();
-            refused = refuse.happened();
-        }
-        EXPECT_TRUE(refused || (fd >= 0 && subscribed && kept && failed == 0 && arrived == 1)) << n;
+            return refused = refuse.happened();
+        });
+        EXPECT_TRUE(refused || (fd >= 0 && failures == 0 && arrived == 1)) << n;
         ipc_server_remove_all_subscribers(-1);
         ipc_deregister_all_callbacks(nullptr);
         ipc_close(fd);
