@@ -26,6 +26,7 @@
 #include <event2/event.h>
 #include <json-c/json.h>
 
+#include <daemon_tools.h>
 #include <ip_calculation.h>
 #include <ipc.h>
 #include <logging.h>
@@ -40,6 +41,7 @@ static const char zones_changed[] = "zones.changed";
 
 struct options {
     const char *name;  /* on the bus */
+    const char *user;  /* to run as in the background; NULL stays what and where it is */
     int look_interval; /* seconds between two looks at the zone file and the schedules */
     int echo;          /* records also go to standard error */
 };
@@ -334,20 +336,32 @@ static bool run_server(struct event_base *base, const struct options *options)
     return ended_well;
 }
 
+/* Gives up root and the terminal: goes on in the background as a user, in the group of the same name. The capability
+ * that is left gives the socket to the group "vdipc", which the user is not in. */
+static bool become_daemon(const char *user)
+{
+    static const cap_value_t capabilities[] = {CAP_CHOWN};
+    const daemonize_options wanted = {
+        .user = user, .group = user, .umask = 027, .capabilities = capabilities, .capability_count = 1};
+    return vd_daemonize(&wanted) == 0; /* logs why it failed */
+}
+
 static bool read_options(int argc, char *argv[], struct options *options)
 {
     const char *wrong = NULL;
-    for (int option; (option = getopt(argc, argv, "n:i:e")) != -1;) {
+    for (int option; (option = getopt(argc, argv, "n:i:u:e")) != -1;) {
         if (option == 'n')
             options->name = optarg;
         else if (option == 'i')
             options->look_interval = (int)strtonum(optarg, 1, 86400, &wrong);
+        else if (option == 'u')
+            options->user = optarg;
         else if (option == 'e')
             options->echo = 1;
         else
             wrong = "unknown";
         if (wrong) {
-            fprintf(stderr, "usage: %s [-n NAME] [-i SECONDS] [-e]\n", argv[0]);
+            fprintf(stderr, "usage: %s [-n NAME] [-i SECONDS] [-u USER] [-e]\n", argv[0]);
             return false;
         }
     }
@@ -363,9 +377,9 @@ int main(int argc, char *argv[])
         perror(argv[0]);
         return EXIT_FAILURE;
     }
-    /* A daemon that gives up root and its terminal does so here, before it opens anything: vd_daemonize. */
-    struct event_base *base = event_base_new();
-    if (!base)
+    const bool ready = !options.user || become_daemon(options.user); /* before anything else is opened */
+    struct event_base *base = ready ? event_base_new() : NULL;
+    if (ready && !base)
         LOG_ERROR("Making the event base failed");
     const bool ended_well = base && run_server(base, &options);
     zones_free();
