@@ -214,7 +214,7 @@ TEST_F(ipc_test, writes_whole_frames_or_nothing)
         {handle, warning("Message of 999996 bytes is too long", "ipc.c")},
     };
     for (const auto &[to, want] : refused) {
-        const auto send_too_long = [to](json_object *object) { return errno = EBADF, ipc_write(to, object); };
+        const auto send_too_long = [to = to](json_object *object) { return errno = EBADF, ipc_write(to, object); };
         EXPECT_EQ(with_json('"' + longest.substr(1, longest_body - 3) + "x\"", send_too_long), -1);
         EXPECT_EQ(log(), records{want});
     }
