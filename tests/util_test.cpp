@@ -19,9 +19,9 @@ TEST_F(util, texts_are_compared_and_copied)
 {
     const auto sign = [](int value) { return (value > 0) - (value < 0); };
     const std::tuple<const char *, const char *, int, int, int> cases[] = {
-        {"a", "b", -1, -1, -1},      {"ab", "ac", -1, 0, -1}, {"a", "", 1, 1, 1},    {"ETH0", "eth0", -1, -1, 0},
-        {"eth", "eth0", -1, 0, -1},  {"\xE4", "z", 1, 1, 1},  {"_", "A", 1, 1, -1},  {"same", "same", 0, 0, 0},
-        {nullptr, nullptr, 0, 0, 0}, {nullptr, "", 1, 1, 0},  {"", nullptr, 1, 1, 0}};
+        {"a", "b", -1, -1, -1},     {"ab", "ac", -1, 0, -1}, {"a", "", 1, 1, 1},   {"ETH0", "eth0", -1, -1, 0},
+        {"eth", "eth0", -1, 0, -1}, {"\xE4", "z", 1, 1, 1},  {"_", "A", 1, 1, -1}, {nullptr, nullptr, 0, 0, 0},
+        {nullptr, "", 1, 1, 0},     {"", nullptr, 1, 1, 0},  {"a", "a", 0, 0, 0}};
     for (const auto &[a, b, whole, first, either_case] : cases) {
         EXPECT_TRUE(sign(safestrcmp(a, b)) == whole && sign(safestrncmp(a, b, 1)) == first) << a << b;
         EXPECT_TRUE(sign(safememcmp(a, 1, b)) == first && (!a || !b || sign(__stricmp(a, b)) == either_case)) << a << b;
@@ -29,12 +29,10 @@ TEST_F(util, texts_are_compared_and_copied)
     for (const auto &[size, want] : {std::pair{0U, "xxxxxx"}, {1U, "\0xxxxx"}, {3U, "ab\0xxx"}, {4U, "abc\0xx"}}) {
         char buffer[] = "xxxxxx";
         EXPECT_TRUE(strlcpy(buffer, "abc", size) == 3 && std::memcmp(buffer, want, 6) == 0) << size;
-        char *copy = static_cast<char *>(memdup(buffer, 6)), *duplicate = safedup(buffer);
-        EXPECT_TRUE(std::memcmp(copy, want, 6) == 0 && std::strcmp(duplicate, want) == 0);
-        EXPECT_TRUE(memzero(copy, 2) == copy && copy[1] == '\0' && std::memcmp(copy + 2, want + 2, 4) == 0);
-        std::free(copy);
-        std::free(duplicate);
     }
+    char *copy = static_cast<char *>(memdup("a\0b", 3));
+    EXPECT_TRUE(std::memcmp(copy, "a\0b", 3) == 0 && memzero(copy, 2) == copy && copy[0] == '\0' && copy[2] == 'b');
+    std::free(copy);
     const allocation_refusal refuse{1};
     EXPECT_TRUE(!memdup("a", 1) && !memdup("a", 0) && !memdup(nullptr, 3) && !safedup(nullptr) && !memzero(nullptr, 3));
 }
@@ -43,62 +41,55 @@ TEST_F(util, numbers_are_whole_and_in_range)
 {
     const std::tuple<const char *, int, std::vector<const char *>> cases[] = {
         {nullptr, E2BIG, {"0", "32", " \t+7", "010", "-0"}},
-        {"invalid", EINVAL, {"12a", "", "-", " 1 ", "1\n", "0x1", "99999999999999999999x", nullptr}},
+        {"invalid", EINVAL, {"12a", "", " 1 ", "1\n", "0x1", "99999999999999999999x", nullptr}},
         {"too small", ERANGE, {"-1", "-9223372036854775809"}},
         {"too large", ERANGE, {"33", "9223372036854775808"}}};
-    const char *fault;
     for (const auto &[want, err, texts] : cases) {
         for (const char *text : texts) {
+            const char *fault = "left";
             errno = E2BIG; // as it was, when the text is good
             EXPECT_EQ(strtonum(text, 0, 32, &fault), want ? 0 : std::atoi(text)) << text;
-            EXPECT_TRUE(errno == err && safestrcmp(fault, want) == 0) << text << " " << fault;
+            EXPECT_TRUE(errno == err && safestrcmp(fault, want) == 0) << text;
         }
     }
-    EXPECT_TRUE(strtonum("5", 5, 4, &fault) == 0 && std::string{fault} == "invalid");
-    EXPECT_EQ(strtonum("9223372036854775807", LLONG_MIN, LLONG_MAX, nullptr), LLONG_MAX);
+    EXPECT_TRUE(strtonum("5", 5, 4, nullptr) == 0 && errno == EINVAL);
+    EXPECT_EQ(strtonum("-9223372036854775808", LLONG_MIN, LLONG_MAX, nullptr), LLONG_MIN);
     EXPECT_EQ(strtonum("-9223372036854775809", LLONG_MIN, LLONG_MAX, nullptr), 0);
     std::set<int> seen;
     for (int i = 0; i < 1000; ++i)
         seen.insert({random_number(1, 6), random_number(6, 1), random_number(-1, 0), random_number(INT_MAX, INT_MAX)});
-    EXPECT_EQ(seen, (std::set{-1, 0, 1, 2, 3, 4, 5, 6, INT_MAX}));
-    EXPECT_LT(random_number(INT_MAX, INT_MIN), 0); // INT_MIN and a number up to RAND_MAX
+    EXPECT_TRUE(seen == (std::set{-1, 0, 1, 2, 3, 4, 5, 6, INT_MAX}) && random_number(INT_MAX, INT_MIN) < 0);
 }
 
 TEST_F(util, files_are_looked_at_and_read)
 {
     const std::tuple<const char *, int, int, int, const char *> cases[] = {
         {"abc\r\nnext", 8, 1, 3, "abc"}, {"a\n\r\n", 8, 1, 1, "a"},      {"\n", 8, 1, 0, ""},
-        {"abcdef", 4, 1, 3, "abc"},      {"abc", 1, 1, 0, ""},           {"a\rb\n", 8, 1, 3, "a\rb"},
-        {"", 8, 1, 0, "xxxxxx"},         {"a\r\n", 8, 0, 3, "a\r\nxxx"}, {"abcdef", 4, 0, 4, "abcdxx"},
-        {"abc", 8, 2, 0, "xxxxxx"},      {"abc", 0, 1, 0, "xxxxxx"},     {"abc", -1, 0, 0, "xxxxxx"}};
+        {"abcdef", 4, 1, 3, "abc"},      {"a\rb\n", 8, 1, 3, "a\rb"},    {"", 8, 1, 0, "xxxxxx"},
+        {"abcdef", 4, 0, 4, "abcdxx"},   {"a\r\n", 8, 0, 3, "a\r\nxxx"}, {"abc", -1, 0, 0, "xxxxxx"}};
     char buffer[8], *block = nullptr;
     for (const auto &[content, size, mode, want, left] : cases) {
         write_file("/tmp/file", content);
         strlcpy(buffer, "xxxxxx", sizeof buffer);
-        EXPECT_EQ(file_read("/tmp/file", buffer, size, mode), want) << content << mode;
-        EXPECT_STREQ(buffer, left) << content << mode;
+        EXPECT_TRUE(file_read("/tmp/file", buffer, size, mode) == want && std::strcmp(buffer, left) == 0) << content;
     }
     for (const size_t size : {200000000, 3, 0}) {
         std::filesystem::resize_file("/tmp/file", size);
         EXPECT_EQ(file_read_all(&block, "/tmp/file"), size);
-        EXPECT_TRUE(block && std::memcmp(block, "abc", size ? 3 : 0) == 0);
+        EXPECT_EQ(std::string(block, size ? 3 : 0), size ? "abc" : "");
         std::free(std::exchange(block, nullptr));
     }
     EXPECT_TRUE(file_exists("/tmp") && std::labs(file_get_mtime("/tmp/file") - std::time(nullptr)) <= 1);
     std::filesystem::resize_file("/tmp/file", 200000001);
-    std::filesystem::create_symlink("/tmp/none", "/tmp/dangling");
-    testing::internal::CaptureStderr();
+    EXPECT_TRUE(!file_exists("/tmp/none") && file_get_mtime("/tmp/none") == -1 &&
+                file_read("/tmp/none", buffer, 8, 2) == 0);
+    EXPECT_EQ(log(), records{warning("Couldn't open file /tmp/none", "util.c")});
     const int descriptors = open_descriptors();
-    for (const char *path : {"/tmp/none", "/tmp/dangling", "/dev/null/x", static_cast<const char *>(nullptr)})
-        EXPECT_TRUE(!file_exists(path) && file_get_mtime(path) == -1 && file_read_all(&block, path) == -1) << path;
-    for (const char *path : {"/tmp", "/sys/class/net/lo/mtu", "/tmp/file"}) // mtu is shorter than it says
-        EXPECT_EQ(file_read_all(&block, path), -1) << path;
+    for (const char *path : {"/tmp", "/sys/class/net/lo/mtu", "/tmp/file", "/tmp/none"}) // mtu is shorter than it says
+        EXPECT_TRUE(file_read_all(&block, path) == -1 && !block) << path;
     const allocation_refusal refuse{1};
-    EXPECT_EQ(file_read_all(&block, "/etc/passwd") + file_read_all(nullptr, "/etc/passwd"), -2);
-    EXPECT_TRUE(!block && open_descriptors() == descriptors && testing::internal::GetCapturedStderr().empty());
-    for (const char *path : {"/tmp", "/proc/self/mem", "/tmp/none"}) // the first two open, but cannot be read
-        EXPECT_EQ(file_read(path, buffer, 8, 0) + file_read(path, buffer, 8, 1), 0) << path;
-    EXPECT_EQ(log(), records(2, warning("Couldn't open file /tmp/none", "util.c")));
+    EXPECT_TRUE(file_read_all(&block, "/etc/passwd") == -1 && file_read("/tmp", buffer, 8, 0) == 0 && log().empty());
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_F(util, directories_are_made_with_those_above)
@@ -121,7 +112,9 @@ TEST_F(util, command_gives_its_output_and_its_end)
         {"printf ab; exec >&-; exit 0", 8, 0, "ab"}, {"yes", 3, 3, "y\n"},    {"exit 3", 8, 1, ""},
         {"printf ab; kill -KILL $$", 8, 1, "ab"},    {"echo hi", 1, 2, ""},   {nullptr, 4, 4, ""}};
     const int descriptors = open_descriptors();
-    std::string buffer;
+    std::string buffer(3000001, 'x');
+    EXPECT_EQ(vd_run_command_simple("yes | head -c 3000000", buffer.data(), buffer.size()), 0);
+    EXPECT_EQ(std::strlen(buffer.data()), 3000000U);
     for (const auto handling : {SIG_DFL, SIG_IGN}) {
         std::signal(SIGPIPE, handling);
         for (const auto &[command, size, want, output] : cases) {
@@ -132,17 +125,12 @@ TEST_F(util, command_gives_its_output_and_its_end)
         EXPECT_EQ(vd_run_command_simple("while :; do echo hi; done", nullptr, 0), 1);
         EXPECT_EQ(std::signal(SIGPIPE, handling), handling);
     }
-    buffer.assign(3000001, 'x');
-    EXPECT_EQ(vd_run_command_simple("yes | head -c 3000000", buffer.data(), buffer.size()), 0);
-    EXPECT_TRUE(std::strlen(buffer.data()) == 3000000 && open_descriptors() == descriptors);
-    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1); // no child is left
-    EXPECT_EQ(vd_run_command_simple("exit 0", buffer.data(), 0) + vd_run_command_simple(nullptr, buffer.data(), 0), 4);
-    EXPECT_EQ(vd_run_command_simple("echo >/tmp/ran", nullptr, 1) + vd_run_command_simple(nullptr, nullptr, 1), 12);
+    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && open_descriptors() == descriptors);
+    EXPECT_TRUE(vd_run_command_simple("exit 0", buffer.data(), 0) == 0 && vd_run_command_simple("", nullptr, 1) == 8);
     const rlimit none{0, 1024}, enough{1024, 1024};
     setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(vd_run_command_simple("echo >/tmp/ran", nullptr, 0), 16);
+    EXPECT_EQ(vd_run_command_simple("exit 0", nullptr, 0), 16);
     setrlimit(RLIMIT_NOFILE, &enough);
-    EXPECT_TRUE(buffer[0] == 'y' && !file_exists("/tmp/ran"));
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
     EXPECT_TRUE(std::labs(get_uptime() - now.tv_sec) <= 1 && get_uptime_seconds() == -1);
@@ -150,21 +138,18 @@ TEST_F(util, command_gives_its_output_and_its_end)
 
 TEST_F(util, common_names_are_found_told_apart_and_translated)
 {
-    const std::pair<const char *, int> types[] = {
-        {"token-1A2B", 0}, {"vd-vpnserver-0", 1}, {"vd-vpnclient-0", 2}, {"token", -1},    {"vd-vpnserver", -1},
-        {"", -1},          {"vd-vpnclientX", -1}, {"Token-1", -1},       {" token-1", -1}, {nullptr, -1}};
+    const std::pair<const char *, int> types[] = {{"token-1A2B", 0},    {"vd-vpnserver-0", 1}, {"vd-vpnclient-0", 2},
+                                                  {"token", -1},        {"Token-1", -1},       {"vd-vpnclientX", -1},
+                                                  {"vd-vpnserver", -1}, {nullptr, -1}};
     for (const auto &[name, want] : types)
         EXPECT_EQ(vpn_type_get_by_common_name(name), want) << name;
-    char name[28];
-    for (const auto &[path, want] : {std::pair{"/a.b/vd-vpnclient-1.json", "vd-vpnclient-1"},
-                                     {"noext", "noext"},
-                                     {"d/", ""},
-                                     {"0123456789012345678901234567", "01234567890123456789012345"}}) {
-        std::memset(name, 'x', sizeof name);
-        EXPECT_EQ(extract_cn_from_path(path, name), 0);
-        EXPECT_EQ(std::string(name, 28), want + std::string(27 - std::strlen(want), '\0') + 'x') << path;
-    }
-    EXPECT_TRUE(log().empty() && extract_cn_from_path(nullptr, name) == -1 && name[0] == '\0');
+    char name[28] = "xxxxxxxxxxxxxxxxxxxxxxxxxxx";
+    const std::string digits = "012345678901234567890123456789";
+    EXPECT_TRUE(extract_cn_from_path(("/a.b/" + digits).c_str(), name) == 0 && name == digits.substr(0, 26));
+    EXPECT_TRUE(extract_cn_from_path("token-1.2.json", name) == 0 && name == std::string{"token-1"} &&
+                name[25] == '\0');
+    EXPECT_TRUE(extract_cn_from_path("dir/", name) == 0 && name[0] == '\0' &&
+                extract_cn_from_path(nullptr, name) == -1);
     EXPECT_EQ(log(), records{error("basename is null", "util.c")});
     const std::tuple<const char *, int, const char *> cases[] = {
         {"vd-vpnclient-1", 1, "vd-vpnserver-1"}, {"tokenXYZ", 1, "tokenXYZ"},
@@ -177,8 +162,7 @@ TEST_F(util, common_names_are_found_told_apart_and_translated)
         EXPECT_STREQ(name, translated ? want : "untouched") << type;
         EXPECT_EQ(log(), translated ? records{} : records{warning(want, "util.c")});
     }
-    EXPECT_TRUE(parse_ip("10.1") == 0x0A000001 && parse_ip_free(strdup("10.2")) == 0x0A000002);
-    EXPECT_EQ(log().front(), warning("parse_ip() is obsolete", "util.c"));
+    EXPECT_TRUE(parse_ip("10.1") == 0x0A000001 && parse_ip_free(strdup("10.2")) == 0x0A000002 && log().size() == 2);
 }
 
 } // namespace
