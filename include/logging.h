@@ -3,8 +3,8 @@
  *
  * A record carries its text, the tag "error" when a system call failed, and the tag "filename" with the source file and
  * line. A daemon opens the library's own context once, with logging_init; until then every record of the library is
- * dropped. The log call only reads its context and may be used from several threads; opening and closing a context is
- * for one thread, before and after all others log.
+ * dropped. Several threads may log, one after another; opening and closing a context is for one thread, before and
+ * after all others log.
  */
 #ifndef VANDREL_LOGGING_H
 #define VANDREL_LOGGING_H
@@ -30,7 +30,7 @@ extern logging_ctx *libvandrel_logcontext;
  * Opens a context of the caller's own, with the facility LOG_DAEMON.
  *
  * ident        the program name that records carry, borrowed until the process ends: syslog keeps its address. The name
- *              of the first context that logs stays. NULL takes the name that the program was started under.
+ *              of a process's first context stays. NULL takes the name that the program was started under.
  * echo_stderr  stored unchanged in the context.
  *
  * Returns a new context, which vd_logging_close releases, or NULL when memory runs out. When libevtlog fails, the
@@ -65,7 +65,8 @@ void vd_logging_close(logging_ctx **ctx);
  * the text could not be formatted, a NULL format included; -3 when the record could not be made; -4 when the event log
  * failed. A tag that cannot be made is left out and does not fail the call.
  *
- * The record goes to /dev/log and waits while that socket is full; without a listener it is lost without a failure.
+ * The record goes to /dev/log and waits while that socket is full. Without a listener it is lost without a failure, and
+ * so is a text that is too long for one datagram (some 200 kB on Linux with glibc).
  */
 int vd_logging_log(logging_ctx *ctx, int priority, const char *file, int line, int err, const char *format, ...)
     __attribute__((format(printf, 6, 7)));

@@ -2,8 +2,8 @@
  * Strings, memory, numbers, files, time, commands and common names.
  *
  * Nothing here keeps state. Every function may be called from any thread, but random_number draws from the C library's
- * rand(), ensure_dir_exists changes the umask of the process for a moment, and vd_run_command_simple may change its
- * handling of SIGPIPE for a moment. Arguments that are not said to take NULL must not be NULL.
+ * rand(), and ensure_dir_exists changes the umask of the process for a moment. Arguments that are not said to take NULL
+ * must not be NULL.
  */
 #ifndef VANDREL_UTIL_H
 #define VANDREL_UTIL_H
@@ -85,7 +85,8 @@ long long strtonum(const char *str, long long minval, long long maxval, const ch
  */
 int random_number(int a, int b);
 
-/** Returns 1 when path exists, whatever it is; 0 when not, when a link dangles, and for NULL. */
+/** Returns 1 when path exists, whatever it is; 0 when not or out of the real user's reach, for a dangling link and
+ * NULL. */
 int file_exists(const char *path);
 
 /**
@@ -103,7 +104,7 @@ time_t file_get_mtime(const char *path);
  *       the carriage returns and line feeds at its end; a NUL byte in the file ends the line. Any other mode: nothing.
  *
  * Returns the number of bytes in buffer, the NUL not counted; 0 when nothing could be read, for a directory too. Only
- * a file that cannot be opened (a NULL path included) is logged. Of an empty file, buffer is left as it was.
+ * a file that cannot be opened (a NULL path included) is logged. A FIFO is waited for.
  */
 int file_read(const char *path, char *buffer, int size, int mode);
 
@@ -113,7 +114,8 @@ int file_read(const char *path, char *buffer, int size, int mode);
  * buffer  receives a new block with the file's bytes and no NUL, which the caller free()s, for an empty file too.
  *
  * Returns the file's size in bytes; -1, with *buffer left as it was, when the file cannot be opened or read, is larger,
- * shrinks meanwhile, when memory runs out, or when an argument is NULL. Silent.
+ * shrinks meanwhile, when memory runs out, or when an argument is NULL. Silent. What is appended meanwhile is left out,
+ * and so is all of a file that tells no size, as those of /proc do.
  */
 long file_read_all(char **buffer, const char *path);
 
@@ -142,20 +144,23 @@ long get_uptime_seconds(void);
  * Runs a command line through the shell, waits for its end and gives what it printed on standard output.
  *
  * output       receives the bytes as they come, a newline at the end too, cut to output_size - 1 bytes, and a NUL.
- * NULL: what the command prints is not read, and it may die of SIGPIPE by printing. output_size  room in output, in
- * bytes; 0 when output is NULL. With 0, output is left as it was.
+ *              NULL: what the command prints is not read, and it may die of SIGPIPE by printing.
+ * output_size  room in output, in bytes; 0 when output is NULL. With 0, output is left as it was.
  *
  * Returns 0 when the command exited with status 0 and all of its output is there, or the sum of
- *   1  it failed, exited with another status or was killed; so ends a command that prints on after output is full,
+ *   1  it failed, exited with another status or was killed; so ends a command that prints on after output is full;
+ *      also when there is no such command, and when its status is not to be had because the daemon ignores SIGCHLD or
+ *      reaps every child itself,
  *   2  the output was cut: it had output_size bytes or more;
  * or, when nothing was run,
  *   4  command is NULL,
  *   8  output is NULL and output_size is not 0,
- *  16  the shell could not be started.
+ *  16  the shell itself could not be started.
  * Whenever output has room, it holds a text after the call, if only an empty one. Silent.
  *
- * There is no time limit: a command, and whatever it leaves behind with its standard output open, is waited for. The
- * command starts with the default action of SIGPIPE even where the caller ignores that signal.
+ * There is no time limit: a command, and whatever it leaves behind with its standard output open, is waited for. It
+ * shares the caller's standard input and standard error, and starts with the default action of SIGPIPE even where the
+ * caller ignores or blocks that signal.
  */
 int vd_run_command_simple(const char *command, char *output, size_t output_size);
 

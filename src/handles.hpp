@@ -20,8 +20,7 @@ template <auto Release> struct released_by {
 };
 
 using c_string = std::unique_ptr<char, released_by<::free>>;
-using file_handle = std::unique_ptr<FILE, released_by<::fclose>>;
-using pipe_handle = std::unique_ptr<FILE, released_by<::pclose>>;
+using stream_handle = std::unique_ptr<FILE, released_by<::fclose>>;
 using dir_handle = std::unique_ptr<DIR, released_by<::closedir>>;
 using capability_handle = std::unique_ptr<_cap_struct, released_by<::cap_free>>;
 using json_handle = std::unique_ptr<json_object, released_by<::json_object_put>>;

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include <errno.h>
 #include <libgen.h> // POSIX basename, which may write into its argument
@@ -20,8 +21,10 @@ namespace {
 
 using namespace vandrel;
 
-// The name of the library's own context. libevtlog gives it to syslog once, at the first record, and never again.
-const char *log_name = nullptr;
+struct {
+    const char *name = nullptr; // of the first context; libevtlog gives one name to syslog, at the first record
+    std::mutex lock;            // libevtlog counts the references to a context without one
+} state;
 
 constexpr std::size_t position_room = 16; // ":", a line number and the NUL
 
@@ -58,8 +61,8 @@ void add_tag(EVTREC *record, EVTTAG *tag)
 void vandrel::disconnect_log() noexcept
 {
     closelog(); // in glibc this also drops the name
-    if (log_name)
-        openlog(log_name, LOG_PID, LOG_DAEMON);
+    if (state.name)
+        openlog(state.name, LOG_PID, LOG_DAEMON);
 }
 
 logging_ctx *libvandrel_logcontext = nullptr;
@@ -69,14 +72,17 @@ logging_ctx *vd_logging_initialize(const char *ident, int echo_stderr)
     auto *ctx = static_cast<logging_ctx *>(std::calloc(1, sizeof(logging_ctx)));
     if (!ctx)
         return nullptr;
-    ctx->event_ctx = evt_ctx_init(ident ? ident : program_invocation_short_name, LOG_DAEMON);
+    if (!ident)
+        ident = program_invocation_short_name;
+    if (!state.name)
+        state.name = ident;
+    ctx->event_ctx = evt_ctx_init(ident, LOG_DAEMON);
     ctx->echo_stderr = echo_stderr;
     return ctx;
 }
 
 logging_ctx *logging_init(const char *ident, int echo_stderr)
 {
-    log_name = ident;
     libvandrel_logcontext = vd_logging_initialize(ident, echo_stderr);
     return libvandrel_logcontext;
 }
@@ -103,6 +109,7 @@ int vd_logging_log(logging_ctx *ctx, int priority, const char *file, int line, i
     if (!message)
         return -2;
 
+    const std::lock_guard guard{state.lock};
     EVTREC *record = evt_rec_init(ctx->event_ctx, priority, message.get());
     if (!record)
         return -3;

@@ -190,7 +190,7 @@ int netinfo_get_default_route(char *ifname, uint32_t *gateway)
 {
     if (!ifname && !gateway)
         return 0;
-    const file_handle table{std::fopen(route_table, "re")};
+    const stream_handle table{std::fopen(route_table, "re")};
     if (!table)
         return 0;
     char line[route_line_size];

@@ -6,6 +6,7 @@
 #include "util.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
@@ -18,8 +19,11 @@
 #include <string_view>
 #include <utility>
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -76,38 +80,46 @@ int read_first_line(FILE *file, char *buffer, int size)
 /// The size of file, which is then at its start; -1 when it cannot be told.
 long file_size(FILE *file)
 {
-    if (std::fseek(file, 0, SEEK_END) != 0)
+    struct stat status; // a directory of some file systems can be sought in and has a size of 0
+    if (fstat(fileno(file), &status) != 0 || S_ISDIR(status.st_mode) || std::fseek(file, 0, SEEK_END) != 0)
         return -1;
     const long size = std::ftell(file);
     return size >= 0 && std::fseek(file, 0, SEEK_SET) == 0 ? size : -1;
 }
 
-/// As long as it lives, SIGPIPE is not ignored. What a process ignores, its commands ignore too, and a shell loop that
-/// prints for ever would never end. The handler in its place is reset when the command starts, and it protects the
-/// other threads meanwhile, as ignoring did.
-class sigpipe_not_ignored {
-public:
-    sigpipe_not_ignored() noexcept
-    {
-        sigaction(SIGPIPE, nullptr, &before);
-        if (before.sa_handler == SIG_IGN) {
-            struct sigaction empty {};
-            empty.sa_handler = [](int) {};
-            empty.sa_flags = SA_RESTART;
-            sigaction(SIGPIPE, &empty, nullptr);
-        }
-    }
-    sigpipe_not_ignored(const sigpipe_not_ignored &) = delete;
-    sigpipe_not_ignored &operator=(const sigpipe_not_ignored &) = delete;
-    ~sigpipe_not_ignored()
-    {
-        if (before.sa_handler == SIG_IGN)
-            sigaction(SIGPIPE, &before, nullptr);
-    }
+using spawn_attributes = std::unique_ptr<posix_spawnattr_t, released_by<::posix_spawnattr_destroy>>;
+using spawn_actions = std::unique_ptr<posix_spawn_file_actions_t, released_by<::posix_spawn_file_actions_destroy>>;
 
-private:
-    struct sigaction before {};
-};
+/// Starts the command with its standard output on fd; -1 when that fails. SIGPIPE has its default action there.
+pid_t spawn_shell(const char *command, int fd)
+{
+    sigset_t defaults;
+    sigset_t mask;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    sigdelset(&mask, SIGPIPE);
+
+    posix_spawnattr_t attributes_room;
+    if (posix_spawnattr_init(&attributes_room) != 0)
+        return -1;
+    const spawn_attributes attributes{&attributes_room};
+    posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setsigdefault(attributes.get(), &defaults);
+    posix_spawnattr_setsigmask(attributes.get(), &mask);
+
+    posix_spawn_file_actions_t actions_room;
+    if (posix_spawn_file_actions_init(&actions_room) != 0)
+        return -1;
+    const spawn_actions actions{&actions_room};
+    if (posix_spawn_file_actions_adddup2(actions.get(), fd, STDOUT_FILENO) != 0)
+        return -1;
+
+    const std::array arguments{const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command),
+                               static_cast<char *>(nullptr)};
+    pid_t pid;
+    return posix_spawn(&pid, "/bin/sh", actions.get(), attributes.get(), arguments.data(), environ) == 0 ? pid : -1;
+}
 
 /// Reads what fits into output, ends it with a NUL and says whether it was cut.
 bool read_output(FILE *pipe, char *output, std::size_t size)
@@ -135,10 +147,30 @@ bool begins_with(const char *text, std::string_view prefix)
 
 namespace vandrel {
 
-pipe_handle start_command(const char *command)
+shell_command::shell_command(const char *command)
 {
-    const sigpipe_not_ignored guard;
-    return pipe_handle{popen(command, "re")};
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return;
+    unique_fd reading{ends[0]};
+    const unique_fd writing{ends[1]};
+    stream_handle output{fdopen(reading.get(), "r")};
+    if (!output)
+        return;
+    static_cast<void>(reading.release());
+    pid_ = spawn_shell(command, writing.get());
+    if (pid_ > 0)
+        output_ = std::move(output);
+}
+
+int shell_command::wait()
+{
+    output_.reset();
+    int status = -1;
+    if (pid_ > 0 && TEMP_FAILURE_RETRY(waitpid(pid_, &status, 0)) != pid_)
+        status = -1; // somebody else has it: a handler of the daemon, or the kernel where SIGCHLD is ignored
+    pid_ = -1;
+    return status;
 }
 
 } // namespace vandrel
@@ -241,7 +273,7 @@ time_t file_get_mtime(const char *path)
 
 int file_read(const char *path, char *buffer, int size, int mode)
 {
-    const file_handle file{path ? std::fopen(path, "re") : nullptr};
+    const stream_handle file{path ? std::fopen(path, "re") : nullptr};
     if (!file) {
         log_warning("Couldn't open file %s", path ? path : "(null)");
         return 0;
@@ -255,7 +287,7 @@ int file_read(const char *path, char *buffer, int size, int mode)
 
 long file_read_all(char **buffer, const char *path)
 {
-    const file_handle file{buffer && path ? std::fopen(path, "rbe") : nullptr};
+    const stream_handle file{buffer && path ? std::fopen(path, "rbe") : nullptr};
     const long size = file ? file_size(file.get()) : -1;
     if (size < 0 || size > largest_file)
         return -1;
@@ -315,11 +347,11 @@ int vd_run_command_simple(const char *command, char *output, size_t output_size)
         return command_missing;
     if (!output && output_size != 0)
         return output_missing;
-    pipe_handle pipe = start_command(command);
-    if (!pipe)
+    shell_command running{command};
+    if (!running.output())
         return shell_missing;
-    int flags = output && read_output(pipe.get(), output, output_size) ? output_cut : 0;
-    if (pclose(pipe.release()) != 0)
+    int flags = output && read_output(running.output(), output, output_size) ? output_cut : 0;
+    if (running.wait() != 0)
         flags |= command_failed;
     return flags;
 }

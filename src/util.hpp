@@ -3,10 +3,27 @@
 
 #include "handles.hpp"
 
+#include <sys/types.h>
+
 namespace vandrel {
 
-/// Starts a shell command whose output is read from the pipe; null when that fails. Whoever closes the pipe before the
-/// end of the output ends the command, even in a process that ignores SIGPIPE.
-pipe_handle start_command(const char *command);
+/// A shell command whose output is read from a pipe, as popen starts it. Whoever stops reading before the end ends the
+/// command, even where the process ignores or blocks SIGPIPE, which a command of popen would inherit.
+class shell_command {
+public:
+    explicit shell_command(const char *command);
+    shell_command(const shell_command &) = delete;
+    shell_command &operator=(const shell_command &) = delete;
+    ~shell_command() { wait(); }
+
+    FILE *output() const { return output_.get(); } // null when it could not be started
+
+    /// Closes the output and waits for the end. Gives the status as waitpid has it, or -1 when that is not to be had.
+    int wait();
+
+private:
+    stream_handle output_;
+    pid_t pid_ = -1;
+};
 
 } // namespace vandrel

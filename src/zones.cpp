@@ -431,14 +431,14 @@ uint8_t ask_schedule(int32_t id)
 {
     char command[command_size];
     std::snprintf(command, sizeof command, schedule_command_format, id);
-    const pipe_handle pipe = start_command(command);
-    if (!pipe) {
+    const shell_command running{command};
+    if (!running.output()) {
         log_error("ERROR: cannot popen schedule check command");
         return 1;
     }
     char answer[answer_length + 1] = {};
-    if (std::fread(answer, 1, answer_length, pipe.get()) == answer_length)
-        std::fgetc(pipe.get()); // a script that prints one character more still ends by itself
+    if (std::fread(answer, 1, answer_length, running.output()) == answer_length)
+        std::fgetc(running.output()); // a script that prints one character more still ends by itself
     return safestrncmp(answer, "true", 4) == 0 ? 1 : 0;
 }
 
