@@ -10,6 +10,7 @@
 
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -73,8 +74,8 @@ TEST_F(util, files_are_looked_at_and_read)
         strlcpy(buffer, "xxxxxx", sizeof buffer);
         EXPECT_TRUE(file_read("/tmp/file", buffer, size, mode) == want && std::strcmp(buffer, left) == 0) << content;
     }
-    for (const size_t size : {200000000, 3, 0}) {
-        std::filesystem::resize_file("/tmp/file", size);
+    for (const int size : {200000000, 3, 0}) {
+        EXPECT_EQ(truncate("/tmp/file", size), 0);
         EXPECT_EQ(file_read_all(&block, "/tmp/file"), size);
         EXPECT_EQ(std::string(block, size ? 3 : 0), size ? "abc" : "");
         std::free(std::exchange(block, nullptr));
@@ -131,18 +132,15 @@ TEST_F(util, command_gives_its_output_and_its_end)
     setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_EQ(vd_run_command_simple("exit 0", nullptr, 0), 16);
     setrlimit(RLIMIT_NOFILE, &enough);
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    EXPECT_TRUE(std::labs(get_uptime() - now.tv_sec) <= 1 && get_uptime_seconds() == -1);
+    EXPECT_TRUE(std::labs(get_uptime() - std::stol(read_file("/proc/uptime"))) <= 1 && get_uptime_seconds() == -1);
 }
 
 TEST_F(util, common_names_are_found_told_apart_and_translated)
 {
-    const std::pair<const char *, int> types[] = {{"token-1A2B", 0},    {"vd-vpnserver-0", 1}, {"vd-vpnclient-0", 2},
-                                                  {"token", -1},        {"Token-1", -1},       {"vd-vpnclientX", -1},
-                                                  {"vd-vpnserver", -1}, {nullptr, -1}};
-    for (const auto &[name, want] : types)
-        EXPECT_EQ(vpn_type_get_by_common_name(name), want) << name;
+    for (const char *name : {"token", "Token-1", "vd-vpnclientX", "vd-vpnserver", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(vpn_type_get_by_common_name(name), PEER_TYPE_UNKNOWN) << name;
+    EXPECT_EQ(vpn_type_get_by_common_name("token-1A2B"), PEER_TYPE_TOKEN);
+    EXPECT_EQ(vpn_type_get_by_common_name("vd-vpnserver-0") + 3 * vpn_type_get_by_common_name("vd-vpnclient-0"), 7);
     char name[28] = "xxxxxxxxxxxxxxxxxxxxxxxxxxx";
     const std::string digits = "012345678901234567890123456789";
     EXPECT_TRUE(extract_cn_from_path(("/a.b/" + digits).c_str(), name) == 0 && name == digits.substr(0, 26));
