@@ -96,7 +96,7 @@ void set(const context &ctx, uci_package *p, const char *section, const char *op
 }
 
 /// Makes every kind of change to what the path names.
-void change_by_path(std::string path)
+void change_by_path(const std::string &path)
 {
     const context ctx{uci_alloc_context()};
     for (const auto call : {uci_set, uci_add_list, uci_delete, uci_revert}) {
@@ -122,8 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
     const std::string_view input{reinterpret_cast<const char *>(data), size};
     const auto split = input.find("\n%%\n");
-    const std::string_view changes = split == input.npos ? "" : input.substr(split + 4);
-    write_file("/etc/config/t", split == input.npos ? input : input.substr(0, split + 1));
+    const std::string_view changes = split == std::string_view::npos ? "" : input.substr(split + 4);
+    write_file("/etc/config/t", split == std::string_view::npos ? input : input.substr(0, split + 1));
     write_file("/tmp/.uci/t", changes);
 
     const context ctx{uci_alloc_context()};

@@ -478,7 +478,7 @@ TEST(libuci, two_processes_commit_at_once)
 {
     constexpr int times = 300;
     write_file(file, "config x s\n\toption a 0\n\toption b 0\n");
-    const auto writer = [](std::string path, bool save) {
+    const auto writer = [](const std::string &path, bool save) {
         for (int i = 1; i <= times; ++i)
             EXPECT_EQ(commit({path + std::to_string(i)}, save), UCI_OK);
     };
@@ -535,7 +535,7 @@ TEST(libuci, full_disk)
         const bool package_side = folder == std::string_view{"/etc/config"};
         write_file(file, old, 0640);
         write_file(saved_file, "t.s.b='1'\n");
-        write_file(std::string{folder} + "/.filler", std::string(48 * 1024, 'x'));
+        write_file(std::string{folder} + "/.filler", std::string(49152, 'x'));
         const std::string value(20'000, 'v');
         EXPECT_EQ(commit({"t.s.a=" + value}), UCI_ERR_IO);
         EXPECT_EQ(read_file(file), old);

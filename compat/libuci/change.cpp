@@ -131,13 +131,13 @@ std::optional<change> parse_change(std::string_view package_name, change_kind ki
         return std::nullopt;
     std::string_view path = text.substr(package_name.size() + 1);
     change result{kind, {}, {}, {}};
-    if (const auto equals = path.find('='); equals != path.npos) {
+    if (const auto equals = path.find('='); equals != std::string_view::npos) {
         result.value = path.substr(equals + 1);
         path = path.substr(0, equals);
     }
     const auto dot = path.find('.');
     result.section = path.substr(0, dot);
-    const bool has_option = dot != path.npos;
+    const bool has_option = dot != std::string_view::npos;
     if (has_option)
         result.option = path.substr(dot + 1);
 

@@ -33,7 +33,8 @@ struct position {
 std::optional<position> parse_position(std::string_view text)
 {
     const auto bracket = text.find('[');
-    if (!text.starts_with('@') || bracket == text.npos || text.find(']') != text.size() - 1 || text.back() != ']')
+    if (!text.starts_with('@') || bracket == std::string_view::npos || text.find(']') != text.size() - 1 ||
+        text.back() != ']')
         return std::nullopt;
     const auto index = to_number(text.substr(bracket + 1, text.size() - bracket - 2));
     if (!index)

@@ -71,7 +71,7 @@ void make_save_folder(context &ctx, const package &of)
         if (::mkdir(folder.c_str(), mode) != 0 && !is_folder(folder))
             throw failure{UCI_ERR_IO};
         slash = file.find('/', slash + 1);
-    } while (slash != file.npos);
+    } while (slash != std::string::npos);
 }
 
 /// The package's change file in the save directory, locked, with the unsaved changes in it; none if there is neither.

@@ -46,7 +46,7 @@ template <typename Body> int call(uci_context *ctx, Body &&body) noexcept
 /// The text for the context's error as a new string; null when memory runs out.
 char *error_text(const uci_context *ctx, const char *prefix, const char *end) noexcept
 {
-    const context *state = static_cast<const context *>(ctx);
+    const auto *state = static_cast<const context *>(ctx);
     char details[160] = "";
     if (state && state->details)
         std::snprintf(details, sizeof details, " (%s) at line %zu, byte %zu", state->details->reason,
@@ -99,7 +99,7 @@ int store_outcome(uci_ptr &ptr, const outcome &result) noexcept
 
 bool is_package_name(std::string_view name) noexcept
 {
-    return is_printable(name) && name.find('.') == name.npos;
+    return is_printable(name) && name.find('.') == std::string_view::npos;
 }
 
 struct closes_folder {

@@ -271,6 +271,8 @@ int uci_list_configs(struct uci_context *ctx, char ***list);
 #define uci_to_section(element) container_of(element, struct uci_section, e)
 #define uci_to_option(element) container_of(element, struct uci_option, e)
 
+// NOLINTBEGIN(modernize-use-nullptr): this is C too
+
 /** The loaded package of that name, or NULL; loads nothing. */
 static inline struct uci_package *uci_lookup_package(struct uci_context *ctx, const char *name)
 {
@@ -298,5 +300,7 @@ static inline const char *uci_lookup_option_string(struct uci_context *ctx, stru
     struct uci_option *o = uci_lookup_option(ctx, s, name);
     return o && o->type == UCI_TYPE_STRING ? o->v.string : NULL;
 }
+
+// NOLINTEND(modernize-use-nullptr)
 
 #endif
