@@ -8,6 +8,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
@@ -38,7 +39,7 @@ uint64_t hash_of(const zone_value &name)
 }
 
 /// Sorts the intervals from begin on and joins those that overlap.
-template <typename Value> void merge(std::vector<interval<Value>> &intervals, std::size_t begin)
+template <typename Value> void merge(page_vector<interval<Value>> &intervals, std::size_t begin)
 {
     const auto from = intervals.begin() + static_cast<std::ptrdiff_t>(begin);
     std::ranges::sort(from, intervals.end(), {}, &interval<Value>::first);
@@ -54,11 +55,15 @@ template <typename Value> void merge(std::vector<interval<Value>> &intervals, st
 
 /// Whether one of the merged intervals in [begin, end) holds the value.
 template <typename Value>
-bool holds(const std::vector<interval<Value>> &intervals, uint32_t begin, uint32_t end, Value value)
+bool holds(const page_vector<interval<Value>> &intervals, uint32_t begin, uint32_t end, Value value)
 {
-    const std::span part{intervals.data() + begin, intervals.data() + end};
-    const auto after = std::ranges::upper_bound(part, value, {}, &interval<Value>::first);
-    return after != part.begin() && value <= std::prev(after)->last;
+    const interval<Value> *here = intervals.data() + begin; // the last one that begins at or before value, if one does
+    for (uint32_t count = end - begin; count > 1;) {
+        const uint32_t half = count / 2;
+        here += here[half].first <= value ? half : 0; // without a branch, which nobody could foretell
+        count -= half;
+    }
+    return begin != end && here->first <= value && value <= here->last;
 }
 
 } // namespace
@@ -77,12 +82,10 @@ uint32_t without_gaps(uint32_t netmask)
     return ip_netmask(static_cast<unsigned>(std::countl_one(netmask)));
 }
 
-zone_model::zone_model(const zone_records &records) : members_{records.members}
+zone_model::zone_model(zone_records records) : zones_{std::move(records.zones)}, members_{std::move(records.members)}
 {
-    if (records.zones.size() > place::max_zones || members_.size() > max_members)
+    if (zones_.size() > place::max_zones || members_.size() > max_members)
         throw std::length_error{"zone model"};
-    zones_.reserve(records.zones.size() + 1);
-    zones_ = records.zones;
     zones_.emplace_back().members = static_cast<uint32_t>(members_.size());
     link_members();
     index_addresses();
@@ -204,12 +207,6 @@ std::size_t zone_model::find_slot(const zone_value &name, uint64_t hash) const
     }
 }
 
-std::span<const place> zone_model::places_of(const zone_value &name) const
-{
-    const name_slot &slot = slots_[find_slot(name, hash_of(name))];
-    return {places_.data() + slot.first_place, slot.places};
-}
-
 std::span<const place> zone_model::places_of(const char *name) const
 {
     if (!name || strnlen(name, common_name_length + 1) > common_name_length)
@@ -221,7 +218,9 @@ std::span<const place> zone_model::places_of_cut(const char *name) const
 {
     if (!name)
         return {};
-    return places_of(cut_name(name, common_name_length));
+    const zone_value cut = cut_name(name, common_name_length);
+    const name_slot &slot = slots_[find_slot(cut, hash_of(cut))];
+    return {places_.data() + slot.first_place, slot.places};
 }
 
 bool zone_model::reaches_ip(std::size_t zone, uint32_t ip) const

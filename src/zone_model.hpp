@@ -9,8 +9,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <span>
 #include <vector>
+
+#include <sys/mman.h>
 
 namespace vandrel {
 
@@ -49,10 +52,29 @@ struct zone {
     uint32_t macs = 0;
 };
 
+/// Takes memory from the kernel and gives it back to it. On the heap, what a load keeps would lie among the memory of
+/// the parsed document, and so much of that could not be given back.
+template <typename T> struct page_allocator {
+    using value_type = T;
+
+    page_allocator() = default;
+    template <typename Other> page_allocator(const page_allocator<Other> &) noexcept {}
+    bool operator==(const page_allocator &) const = default;
+
+    T *allocate(std::size_t count) const
+    {
+        void *pages = mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return pages != MAP_FAILED ? static_cast<T *>(pages) : throw std::bad_alloc{};
+    }
+    void deallocate(T *pages, std::size_t count) const noexcept { munmap(pages, count * sizeof(T)); }
+};
+
+template <typename T> using page_vector = std::vector<T, page_allocator<T>>;
+
 /// The zones of a file with the members of all of them, as the loader collects them.
 struct zone_records {
-    std::vector<zone> zones; // id, flags and members are set
-    std::vector<zone_member> members;
+    page_vector<zone> zones; // id, flags and members are set
+    page_vector<zone_member> members;
 };
 
 /// Where one member with a name stands, and what it is there.
@@ -85,7 +107,7 @@ struct network {
 
 class zone_model {
 public:
-    explicit zone_model(const zone_records &records);
+    explicit zone_model(zone_records records);
     zone_model(const zone_model &) = delete;
     zone_model &operator=(const zone_model &) = delete;
 
@@ -119,15 +141,14 @@ private:
     void add_address(const zone_member &member);
     uint32_t index_of(const zone_member &member) const;
     std::size_t find_slot(const zone_value &name, uint64_t hash) const;
-    std::span<const place> places_of(const zone_value &name) const;
 
-    std::vector<zone> zones_; // the last one only ends the parts of the one before
-    std::vector<zone_member> members_;
-    std::vector<name_slot> slots_;
-    std::vector<place> places_; // name by name
-    std::vector<interval<uint32_t>> addresses_;
-    std::vector<interval<uint64_t>> macs_;
-    std::vector<network> odd_networks_; // those whose netmask has gaps
+    page_vector<zone> zones_; // the last one only ends the parts of the one before
+    page_vector<zone_member> members_;
+    page_vector<name_slot> slots_;
+    page_vector<place> places_; // name by name
+    page_vector<interval<uint32_t>> addresses_;
+    page_vector<interval<uint64_t>> macs_;
+    page_vector<network> odd_networks_; // those whose netmask has gaps
 };
 
 } // namespace vandrel

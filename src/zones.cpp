@@ -11,6 +11,7 @@
 #include "zone_model.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -18,8 +19,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -37,10 +40,10 @@ constexpr char log_module[] = "zones.c";
 
 constexpr std::size_t command_size = 107;     // a schedule command and its NUL
 constexpr std::size_t answer_length = 31;     // what is read of the schedule script's output
-constexpr std::size_t chunk_size = 16 * 1024; // of the zone file
+constexpr std::size_t chunk_size = 64 * 1024; // of the zone file
 
 struct {
-    std::unique_ptr<zone_model> model;
+    std::optional<zone_model> model;
     time_t mtime = 0; // of the file that was loaded last
 } state;
 
@@ -237,7 +240,7 @@ void reserve(zone_records &records, json_object *zones)
         if (json_object_is_type(list, json_type_object))
             members += static_cast<std::size_t>(json_object_object_length(list));
     }
-    records.zones.reserve(static_cast<std::size_t>(json_object_object_length(zones)));
+    records.zones.reserve(static_cast<std::size_t>(json_object_object_length(zones)) + 1); // the model closes the list
     records.members.reserve(members);
 }
 
@@ -258,17 +261,48 @@ bool read_zones(json_object *zones, zone_records &records)
     return complete;
 }
 
-/// What json_object_from_file would make of the same bytes. It would also keep all of them in memory until it is done,
-/// and freeing so large a block makes glibc give back less of the document's memory.
-json_handle parse(int fd)
+/// Lets glibc give back the memory of a document that is parsed and released while this lives. Its heap shrinks as far
+/// as nothing at the end is in use, which it looks at when a block of 64 KB is freed: the chunk. The last freed blocks
+/// of each small size, which it sets aside, count as in use, so those that parsing frees would hold the whole heap.
+/// Blocks from before the document are set aside in their place.
+class document_room {
+public:
+    document_room() : chunk_{static_cast<char *>(std::malloc(chunk_size))} { take(before_); }
+    document_room(const document_room &) = delete;
+    document_room &operator=(const document_room &) = delete;
+
+    char *chunk() const { return chunk_.get(); }
+    void is_parsed()
+    {
+        take(after_);
+        before_ = {};
+    }
+
+private:
+    static constexpr std::size_t sizes[] = {24, 40, 56, 72, 88, 104, 120, 136, 640}; // of json-c's keys, values, tables
+    static constexpr std::size_t set_aside = 7;                                      // of each size
+    using blocks = std::array<c_string, std::size(sizes) * set_aside>;
+
+    static void take(blocks &taken)
+    {
+        for (std::size_t i = 0; i < taken.size(); ++i)
+            taken[i].reset(static_cast<char *>(std::malloc(sizes[i / set_aside])));
+    }
+
+    c_string chunk_; // freed last
+    blocks before_, after_;
+};
+
+/// What json_object_from_file would make of the same bytes. It would also read all of them into one block, and once
+/// glibc has freed such a large block, it gives less memory back.
+json_handle parse(int fd, char *chunk)
 {
     const tokener_handle tokener{json_tokener_new()};
-    if (!tokener)
+    if (!tokener || !chunk)
         return nullptr;
     json_handle document;
-    char chunk[chunk_size];
     do {
-        const ssize_t length = TEMP_FAILURE_RETRY(read(fd, chunk, sizeof chunk));
+        const ssize_t length = TEMP_FAILURE_RETRY(read(fd, chunk, chunk_size));
         if (length <= 0)
             return nullptr;
         errno = 0;
@@ -284,13 +318,13 @@ struct zone_file {
     time_t mtime;         // before it was read, so what is written or put in its place later has another one
 };
 
-zone_file read_file()
+zone_file read_file(char *chunk)
 {
     const unique_fd fd{open(zones_file, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)}; // a FIFO must not block
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0)
         return {};
-    return {parse(fd.get()), status.st_mtime};
+    return {parse(fd.get(), chunk), status.st_mtime};
 }
 
 /// The value of "zones", the only part of the document that is kept.
@@ -303,8 +337,8 @@ int build_model(json_handle zones)
 {
     zone_records records;
     const bool complete = read_zones(zones.get(), records);
-    zones.reset(); // first: what is allocated beside the document would keep its memory from being given back
-    state.model = std::make_unique<zone_model>(records);
+    zones.reset();
+    state.model.emplace(std::move(records));
     return complete ? 1 : 0;
 }
 
@@ -450,7 +484,9 @@ int zones_load(void)
         log_warning("zones.json is missing");
         return 0;
     }
-    zone_file file = read_file();
+    document_room room;
+    zone_file file = read_file(room.chunk());
+    room.is_parsed();
     if (!file.document)
         return 0;
     json_handle zones = zones_of(file.document.get());

@@ -1,0 +1,306 @@
+// What zone queries and loads cost, each beside what it is measured by: a query beside one access and one stat of the
+// zone file, and beside the plain walk after the same two calls; a load beside parsing the file and releasing the
+// document; memory by member. All numbers are ratios of two things that took turns, or bytes.
+#include "device.hpp"
+#include "plain_zones.hpp"
+
+#include "zones.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <json-c/json.h>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char zones_file[] = "/etc/vandrel/zones.json";
+
+/// A model of so many zones with so many members each: peers that stand in three zones on average, ports of the same
+/// names everywhere, networks, ranges of addresses, and ranges of MAC addresses.
+struct model {
+    model(unsigned zone_count, unsigned member_count)
+    {
+        const unsigned peer_count = zone_count * member_count * 4 / 10 / 3;
+        for (unsigned i = 0; i < peer_count; ++i)
+            peers.push_back("token-" + std::to_string(1000000000 + i * 7919));
+        for (unsigned id = 0; id < zone_count; ++id) {
+            zones.push_back({.id = static_cast<int>(id)});
+            text += (id ? ",\"" : "\"") + std::to_string(id) + R"(":{"members":{)";
+            for (unsigned i = 0; i < member_count; ++i)
+                add_member(i);
+            text.back() = '}';
+            text += '}';
+        }
+        text = R"({"zone_configuration":{"zones":{)" + text + "}}}";
+        std::ofstream{zones_file} << text;
+    }
+
+    void add_member(unsigned i)
+    {
+        zone_member m{};
+        m.direction = ZONE_DIRECTION_BOTH;
+        std::string name = "member " + std::to_string(i), fields;
+        if (i % 10 < 4) {
+            name = peers[random() % peers.size()];
+            m.type = ZONE_MEMBER_SERIALIZATION;
+            fields = R"("serialization")";
+        } else if (i % 10 == 4) {
+            name = "lan" + std::to_string(i / 10);
+            m.type = ZONE_MEMBER_PORT;
+            fields = R"("port")";
+        } else if (i % 10 < 8) {
+            const unsigned network = 0x0A000000 + (static_cast<unsigned>(random()) & 0xFFFF00);
+            const bool is_range = i % 10 == 7;
+            m.type = is_range ? ZONE_MEMBER_IP_RANGE : ZONE_MEMBER_IP_NETWORK;
+            m.start.ip = network;
+            m.end.ip = is_range ? network + 99 : 0xFFFFFF00;
+            fields = R"("whitelisted_ip","address_start":")" + ip_text(network) +
+                     (is_range ? R"(","address_end":")" + ip_text(m.end.ip) + '"' : R"(","netmask":"24")");
+        } else {
+            const unsigned network = static_cast<unsigned>(random()) & 0xFFFF;
+            m.type = ZONE_MEMBER_MAC_RANGE;
+            m.start.mac = uint64_t{network} << 8;
+            m.end.mac = m.start.mac + 99;
+            fields = R"("whitelisted_mac","address_start":")" + mac_text(m.start.mac) + R"(","address_end":")" +
+                     mac_text(m.end.mac) + '"';
+        }
+        name.copy(m.start.name, m.type <= ZONE_MEMBER_PORT ? 26 : 0);
+        auto &members = zones.back().members;
+        if (std::ranges::any_of(members, [&](const zone_member &other) { return is_peer(other, name.c_str()); }))
+            return; // drawn before
+        members.push_back(m);
+        ++member_count;
+        text += '"' + name + R"(":{"type":)" + fields + R"(,"direction":"both"},)";
+    }
+
+    static std::string ip_text(unsigned ip)
+    {
+        char line[16];
+        std::snprintf(line, sizeof line, "%u.%u.%u.%u", ip >> 24, ip >> 16 & 255, ip >> 8 & 255, ip & 255);
+        return line;
+    }
+    static std::string mac_text(uint64_t mac)
+    {
+        char line[18];
+        std::snprintf(line, sizeof line, "00:00:%02x:%02x:%02x:%02x", static_cast<unsigned>(mac >> 24 & 255),
+                      static_cast<unsigned>(mac >> 16 & 255), static_cast<unsigned>(mac >> 8 & 255),
+                      static_cast<unsigned>(mac & 255));
+        return line;
+    }
+
+    std::mt19937 random{1};
+    std::vector<std::string> peers;
+    std::deque<std::string> names; // that are asked for
+    plain_zones zones;
+    std::string text;
+    unsigned member_count = 0;
+};
+
+using action = std::function<void(unsigned)>;
+
+double seconds(const action &run, unsigned first, unsigned times)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    for (unsigned i = first; i < first + times; ++i)
+        run(i);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / times;
+}
+
+/// How much longer run takes than floor: the median over turns that each take.
+double ratio(const action &run, unsigned times, const action &floor, unsigned floor_times, unsigned turns)
+{
+    std::vector<double> ratios;
+    for (unsigned turn = 0; turn <= turns; ++turn) {
+        const double floor_seconds = seconds(floor, turn * floor_times, floor_times);
+        const double run_seconds = seconds(run, turn * times, times);
+        if (turn > 0) // the first one warms up
+            ratios.push_back(run_seconds / floor_seconds);
+    }
+    std::ranges::nth_element(ratios, ratios.begin() + static_cast<long>(turns / 2));
+    return ratios[turns / 2];
+}
+
+void look_at_file(unsigned = 0)
+{
+    struct stat status;
+    access(zones_file, F_OK);
+    stat(zones_file, &status);
+}
+
+struct mac_address {
+    uint8_t bytes[6];
+};
+
+void use(const void *value)
+{
+    asm volatile("" : : "r"(value) : "memory");
+}
+
+/// Questions of one kind, one of each peer in turn.
+template <typename Target> struct questions {
+    const char *name;
+    std::vector<Target> targets;
+    int (*library)(const char *peer, Target target, uint8_t *sched);
+    int (*plain)(const plain_zones &zones, const char *peer, Target target, uint8_t *sched);
+};
+
+template <typename Target>
+void bench_questions(const model &made, const std::vector<const char *> &peers, const questions<Target> &asked)
+{
+    const auto in_turn = [&](auto ask) {
+        return [&, ask](unsigned i) { ask(peers[i % peers.size()], asked.targets[i % peers.size()]); };
+    };
+    const auto floor = in_turn([](const char *peer, Target target) {
+        asm volatile("" : : "r"(peer), "r"(target));
+        look_at_file();
+    });
+    const auto walk = in_turn([&](const char *peer, Target target) {
+        look_at_file();
+        asked.plain(made.zones, peer, target, nullptr);
+    });
+    uint8_t sched = 0;
+    const auto with_sched = in_turn([&](const char *peer, Target target) { asked.library(peer, target, &sched); });
+    const auto without = in_turn([&](const char *peer, Target target) { asked.library(peer, target, nullptr); });
+    const unsigned walks = std::max(4U, 200000 / made.member_count);
+    std::printf("  %-14s %8.2f %10.2f %10.2f\n", asked.name, ratio(without, 500, floor, 500, 41),
+                ratio(with_sched, 500, floor, 500, 41), ratio(walk, walks, floor, 500, 9));
+}
+
+int list_members(const char *name, int direction, uint8_t *)
+{
+    zone_member **list;
+    uint32_t count;
+    if (!zones_get_allowed_members(&list, &count, name, direction))
+        return 0;
+    std::free(list);
+    return static_cast<int>(count);
+}
+
+int list_plainly(const plain_zones &zones, const char *name, int direction, uint8_t *)
+{
+    return static_cast<int>(plain_members(zones, name, direction).size());
+}
+
+/// Asks so many different questions of each kind: few stay in the processor's caches, many do not.
+void bench_queries(model &made, std::size_t count)
+{
+    std::vector<const char *> peers, hit_ports, hit_peers;
+    std::vector<uint32_t> hit_ips;
+    std::vector<const uint8_t *> hit_macs;
+    std::vector<std::array<uint8_t, 6>> macs(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        peers.push_back(made.peers[made.random() % made.peers.size()].c_str());
+        auto reached = plain_members(made.zones, peers.back(), ZONE_DIRECTION_OUT);
+        std::ranges::shuffle(reached, made.random);
+        const auto target = [&](auto... types) {
+            const auto found = std::ranges::find_if(reached, [=](auto *m) { return ((m->type == types) || ...); });
+            return found == reached.end() ? zone_value{"none"} : (*found)->start;
+        };
+        const auto name_of = [&](int type) { return made.names.emplace_back(target(type).name).c_str(); };
+        hit_ips.push_back(target(ZONE_MEMBER_IP_RANGE, ZONE_MEMBER_IP_NETWORK).ip + 9);
+        hit_ports.push_back(name_of(ZONE_MEMBER_PORT));
+        hit_peers.push_back(name_of(ZONE_MEMBER_SERIALIZATION));
+        for (std::size_t byte = 0; byte < 6; ++byte)
+            macs[i][byte] = static_cast<uint8_t>(target(ZONE_MEMBER_MAC_RANGE).mac >> (40 - 8 * byte));
+        hit_macs.push_back(macs[i].data());
+    }
+    static constexpr uint8_t far_mac[6] = {255, 255, 255, 255, 255, 255};
+    std::printf("  %zu questions%12s %10s %10s\n", count, "query", "with sched", "plain walk");
+    const auto bench = [&]<typename Target>(const questions<Target> &asked) { bench_questions(made, peers, asked); };
+    const auto all = [&]<typename Target>(Target target) { return std::vector<Target>(count, target); };
+    bench(questions<uint32_t>{"address, hit", hit_ips, zones_is_ip_allowed_sched, plain_ip});
+    bench(questions<uint32_t>{"address, miss", all(0x0B000000U), zones_is_ip_allowed_sched, plain_ip});
+    bench(questions<const char *>{"port, hit", hit_ports, zones_is_port_allowed_sched, plain_port});
+    bench(questions<const char *>{"port, miss", all("eth9"), zones_is_port_allowed_sched, plain_port});
+    bench(questions<const uint8_t *>{"MAC, hit", hit_macs, zones_is_mac_allowed_sched, plain_mac});
+    bench(questions<const uint8_t *>{"MAC, miss", all(+far_mac), zones_is_mac_allowed_sched, plain_mac});
+    bench(questions<const char *>{"device, hit", hit_peers, zones_is_device_allowed_sched, plain_device});
+    bench(questions<const char *>{"device, miss", all("token-none"), zones_is_device_allowed_sched, plain_device});
+    bench(questions<int>{"members", all(+ZONE_DIRECTION_OUT), list_members, list_plainly});
+}
+
+void bench_load()
+{
+    const action load = [](unsigned) { zones_load(); };
+    const action parse = [](unsigned) { json_object_put(json_object_from_file(zones_file)); };
+    std::printf("  load %.2f x parsing alone\n", ratio(load, 1, parse, 1, 15));
+}
+
+struct memory {
+    double heap, mapped, resident;
+};
+
+memory memory_now()
+{
+    const auto info = mallinfo2();
+    const double heap = static_cast<double>(info.uordblks + info.hblkhd);
+    double size = 0, resident = 0;
+    std::ifstream{"/proc/self/statm"} >> size;
+    std::ifstream status{"/proc/self/smaps_rollup"};
+    for (std::string word; status >> word && word != "Rss:";) {}
+    status >> resident;
+    return {heap, size * static_cast<double>(getpagesize()) - static_cast<double>(info.arena + info.hblkhd),
+            resident * 1024};
+}
+
+/// In a process of its own: loads the model, which is what is measured once and then again.
+int measure_memory(unsigned members)
+{
+    const memory before = memory_now();
+    for (const char *when : {"after one load", "after ten more"}) {
+        for (int i = 0; i < (when[6] == 'o' ? 1 : 10); ++i)
+            zones_load();
+        const memory after = memory_now();
+        std::printf("  bytes by member in a fresh process %s: %.1f heap + %.1f mapped, %.1f resident\n", when,
+                    (after.heap - before.heap) / members, (after.mapped - before.mapped) / members,
+                    (after.resident - before.resident) / members);
+    }
+    return 0;
+}
+
+void bench_memory(const model &made)
+{
+    std::fflush(stdout);
+    const std::string members = std::to_string(made.member_count);
+    if (const pid_t child = fork(); child == 0) {
+        execl("/proc/self/exe", "zones_bench", members.c_str(), nullptr);
+        _exit(1);
+    } else {
+        waitpid(child, nullptr, 0);
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc == 2)
+        return measure_memory(static_cast<unsigned>(std::atoi(argv[1])));
+    enter_device();
+    for (const auto &[zones, members] : {std::pair{10U, 20U}, {100U, 100U}, {1000U, 100U}}) {
+        model made{zones, members};
+        if (!zones_load())
+            return 1;
+        std::printf("%u zones x %u members\n", zones, members);
+        bench_queries(made, 8);
+        bench_queries(made, 1000);
+        bench_load();
+        bench_memory(made);
+    }
+    zones_free();
+    return 0;
+}
