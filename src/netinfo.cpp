@@ -27,7 +27,6 @@
 namespace {
 
 using namespace vandrel;
-using namespace std::literals;
 
 constexpr char log_module[] = "netinfo.c";
 
@@ -210,9 +209,9 @@ int netinfo_get_bearer_type(void)
         return NETINFO_BEARER_UNKNOWN;
     }
     const std::string_view name{ifname};
-    if (name == "3g-wan3"sv || name.starts_with("wwan"sv))
+    if (name == "3g-wan3" || name.starts_with("wwan"))
         return NETINFO_BEARER_MOBILE;
-    if (name == "br-wan"sv || name.starts_with("br-lan"sv) || name.starts_with("eth"sv))
+    if (name == "br-wan" || name.starts_with("br-lan") || name.starts_with("eth"))
         return NETINFO_BEARER_ETHERNET;
     return NETINFO_BEARER_UNKNOWN;
 }
