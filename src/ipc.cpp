@@ -147,13 +147,14 @@ json_handle parse_body(const char *body, std::size_t size)
     json_tokener *tokener = bus.tokener.get();
     if (!tokener)
         return nullptr;
-    json_tokener_reset(tokener);
     json_handle message{json_tokener_parse_ex(tokener, body, static_cast<int>(strnlen(body, size)))};
     if (json_tokener_get_error(tokener) == json_tokener_continue)
         message.reset(json_tokener_parse_ex(tokener, "", 1));
     const bool parsed = json_tokener_get_error(tokener) == json_tokener_success;
     if (size > kept_tokener_bytes) // it would keep room for the longest text that it has seen
         bus.tokener.reset();
+    else
+        json_tokener_reset(tokener);
     return parsed ? std::move(message) : nullptr;
 }
 
@@ -185,22 +186,44 @@ json_handle take_message(evbuffer *input, std::size_t body_bytes)
     return message;
 }
 
-/// Fetches more of a frame that libevent has begun to read, where it has arrived already. What is wrong with the socket
-/// shows again when libevent reads on. Memory is taken only in step with what has come.
-void read_ahead(bufferevent *bev, std::size_t missing_bytes)
+void handle_event(bufferevent *bev, short events, void *argument)
+{
+    const int system_error = errno; // of the read or write that failed
+    const int fd = bufferevent_getfd(bev);
+    log_info("Event");
+    if ((events & BEV_EVENT_ERROR) != 0) {
+        log_warning("Bufferevent error");
+        errno = system_error;
+        std::perror("Error from bufferevent");
+    }
+    if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) != 0)
+        end_connection(fd, find_connection(fd)->serial, reinterpret_cast<ipc_callback>(argument));
+}
+
+bool is_failure(ssize_t size)
+{
+    return size < 0 && errno != EAGAIN && errno != EINTR;
+}
+
+/// Fetches more of a frame that libevent has begun to read, where it has arrived already. Memory is taken only in step
+/// with what has come. The end of the stream shows again when libevent reads on, but an error is told only once: gives
+/// false for it.
+bool read_ahead(bufferevent *bev, std::size_t missing_bytes)
 {
     evbuffer *input = bufferevent_get_input(bev);
     if (evbuffer_get_length(input) < event_read_bytes)
-        return;
+        return true;
     const std::size_t wanted = std::min(missing_bytes, ahead_read_bytes);
+    ssize_t size = 0;
     evbuffer_unfreeze(input, 0); // a bufferevent opens the end of its input for its own reads only
     evbuffer_iovec space;
     if (evbuffer_reserve_space(input, static_cast<ev_ssize_t>(wanted), &space, 1) == 1) {
-        const ssize_t size = recv(bufferevent_getfd(bev), space.iov_base, wanted, 0);
-        space.iov_len = size > 0 ? static_cast<std::size_t>(size) : 0;
+        size = recv(bufferevent_getfd(bev), space.iov_base, wanted, 0);
+        space.iov_len = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
         evbuffer_commit_space(input, &space, 1);
     }
     evbuffer_freeze(input, 0);
+    return !is_failure(size);
 }
 
 /// libevent calls it when at least a header waits. Any handler may drop the connection, and its input with it.
@@ -223,8 +246,11 @@ void read_frames(bufferevent *bev, void *argument)
             return;
         }
         const std::size_t frame_bytes = header_bytes + body_bytes;
-        if (evbuffer_get_length(input) < frame_bytes)
-            read_ahead(bev, frame_bytes - evbuffer_get_length(input));
+        const std::size_t waiting_bytes = evbuffer_get_length(input);
+        if (waiting_bytes < frame_bytes && !read_ahead(bev, frame_bytes - waiting_bytes)) {
+            handle_event(bev, BEV_EVENT_READING | BEV_EVENT_ERROR, argument);
+            return;
+        }
         if (evbuffer_get_length(input) < frame_bytes)
             return;
         if (const json_handle message = take_message(input, body_bytes))
@@ -232,31 +258,22 @@ void read_frames(bufferevent *bev, void *argument)
     }
 }
 
-void handle_event(bufferevent *bev, short events, void *argument)
-{
-    const int system_error = errno; // of the read or write that failed
-    const int fd = bufferevent_getfd(bev);
-    log_info("Event");
-    if ((events & BEV_EVENT_ERROR) != 0) {
-        log_warning("Bufferevent error");
-        errno = system_error;
-        std::perror("Error from bufferevent");
-    }
-    if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) != 0)
-        end_connection(fd, find_connection(fd)->serial, reinterpret_cast<ipc_callback>(argument));
-}
-
-/// Writes what was queued since the loop ran last in one go, without asking first whether the socket is ready. Only
-/// what doesn't go is left to libevent, which also sees and reports what is wrong.
+/// Writes what was queued since the loop ran last in one go, without asking first whether the socket is ready. What
+/// doesn't go is left to libevent.
 void flush_output(evutil_socket_t, short, void *argument)
 {
     auto *bev = static_cast<bufferevent *>(argument);
     evbuffer *output = bufferevent_get_output(bev);
     evbuffer_unfreeze(output, 1); // a bufferevent opens the front of its output for its own writes only
-    evbuffer_write(output, bufferevent_getfd(bev));
+    const int size = evbuffer_write(output, bufferevent_getfd(bev));
     evbuffer_freeze(output, 1);
-    if (evbuffer_get_length(output) > 0)
+    if (is_failure(size)) {
+        void *default_callback = nullptr;
+        bufferevent_getcb(bev, nullptr, nullptr, nullptr, &default_callback);
+        handle_event(bev, BEV_EVENT_WRITING | BEV_EVENT_ERROR, default_callback);
+    } else if (evbuffer_get_length(output) > 0) {
         bufferevent_enable(bev, EV_WRITE);
+    }
 }
 
 void ignore_signal(int) {}
