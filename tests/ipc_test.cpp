@@ -8,6 +8,7 @@
 #include <csignal>
 #include <functional>
 #include <random>
+#include <tuple>
 
 #include <endian.h>
 #include <event2/event.h>
@@ -133,11 +134,10 @@ TEST_F(ipc_test, messages_reach_their_handler)
     server();
     const int fd = peer().first;
     ipc_register_callback("named", by_default);
-    for (const char *type : {"named", "error", R"(a\/b)", "gone"})
+    for (const char *type : {"named", "error", "a\\/b"})
         ipc_register_callback(type, by_name);
     ipc_register_callback("none", nullptr);
     ipc_register_callback(nullptr, by_name);
-    ipc_deregister_callback("gone");
     ipc_deregister_callback(nullptr);
     const std::string long_text = '"' + std::string(longest_body - 26, 'x') + '"';
     const std::pair<std::string, std::string> cases[] = {
@@ -145,7 +145,6 @@ TEST_F(ipc_test, messages_reach_their_handler)
         {"{'type':'named','other':[]}\0"s, "named named -"},
         {"{'data':null,'type':'none'}\0"s, "default none -"},
         {"{'type':'a/b','data':0}\0"s, "named a\\/b 0"},
-        {"{'type':'gone','data':''}\0"s, "default gone \"\""},
         {"{'type':'error','data':1}\0"s, "named error 1"},
         {"{'type':1,'type':'last'}\0"s, "default last -"},
         {"{'type':'no NUL'}", "default no NUL -"},
@@ -154,14 +153,12 @@ TEST_F(ipc_test, messages_reach_their_handler)
         {"{'type':'t'}\0{'type':"s, "default t -"},
         {"{'type':'long','data':" + long_text + "}\0"s, "default long " + long_text},
         {"", ""},
-        {"\0"s, ""},
         {"{'type':'cut'", ""},
         {"{'type':'cut','data':\0001}"s, ""},
         {"null\0"s, ""},
         {"['type']\0"s, ""},
         {"{'data':1}\0"s, ""},
         {"{'type':5}\0"s, ""},
-        {"{'type':null}\0"s, ""},
     };
     for (const auto &[body, want] : cases) {
         heard.clear();
@@ -173,12 +170,11 @@ TEST_F(ipc_test, messages_reach_their_handler)
     heard.clear();
     ipc_deregister_all_callbacks("named");
     send(fd, message("named", "1") + message("error", "2"));
-    EXPECT_TRUE(run_until([] { return heard == strings{"default named 1", "named error 2"}; }));
+    run();
     ipc_deregister_all_callbacks(nullptr);
-    ipc_register_callback("x", by_name);
-    send(fd, message("error", "3") + message("x", "4"));
-    EXPECT_TRUE(run_until([] { return heard.size() == 4; }));
-    EXPECT_EQ(heard[2] + heard[3], "default error 3named x 4");
+    send(fd, message("error", "3"));
+    run();
+    EXPECT_EQ(heard, (strings{"default named 1", "named error 2", "default error 3"}));
 }
 
 TEST_F(ipc_test, frames_survive_every_cut)
@@ -231,27 +227,19 @@ TEST_F(ipc_test, ends_are_noticed)
 {
     server();
     ipc_register_callback("error", by_name); // never gets the notice
-    const auto [staying, other] = peer();
+    const int other = peer().second;
     const record event = info("Event", "ipc.c");
     const record end = warning("end of file or error ", "ipc.c");
-    const auto too_long = [](const char *n) { return warning("Message of "s + n + " bytes is too long", "ipc.c"); };
-    const struct {
-        std::string sent;
-        int shut; // of the peer's socket
-        records want;
-        const char *printed;
-    } cases[] = {
-        {"", SHUT_WR, {event, end}, ""},
-        {"\0\0\0\x09{\"ty"s, SHUT_WR, {event, end}, ""},
-        {"\0\x0f\x42\x3c"s, -1, {too_long("999996"), end}, ""},
-        {"\xff\xff\xff\xff more", -1, {too_long("4294967295"), end}, ""},
-        {message("answer me", "0"),
-         SHUT_RD,
-         {event, warning("Bufferevent error", "ipc.c"), end},
-         "Error from bufferevent: Broken pipe\n"}, // and no SIGPIPE
+    const std::tuple<std::string, int, records> cases[] = {
+        // what a peer sends, and which direction it shuts
+        {"", SHUT_WR, {event, end}},
+        {"\0\0\0\x09{\"ty"s, SHUT_WR, {event, end}},
+        {"\0\x0f\x42\x3c"s, -1, {warning("Message of 999996 bytes is too long", "ipc.c"), end}},
+        {"\xff\xff\xff\xff+", -1, {warning("Message of 4294967295 bytes is too long", "ipc.c"), end}},
+        {message("answer me", "0"), SHUT_RD, {event, warning("Bufferevent error", "ipc.c"), end}}, // no SIGPIPE
     };
     answer = [](int fd, const std::string &type) { type == "answer me" ? write_to(fd, "{}") : 0; };
-    for (const auto &[sent, shut, want, printed] : cases) {
+    for (const auto &[sent, shut, want] : cases) {
         const auto [fd, handle] = peer();
         log();
         testing::internal::CaptureStderr();
@@ -259,14 +247,14 @@ TEST_F(ipc_test, ends_are_noticed)
         send(fd, sent);
         shutdown(fd, shut);
         run();
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), printed);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  shut == SHUT_RD ? "Error from bufferevent: Broken pipe\n" : "");
         EXPECT_EQ(std::pair(heard.back(), heard_from), std::pair("default error -"s, handle));
         EXPECT_EQ(std::count(heard.begin(), heard.end(), heard.back()), 1);
         EXPECT_EQ(log(), want);
         EXPECT_TRUE(is_closed(fd));
         EXPECT_EQ(write_to(handle, "{}"), -1);
         EXPECT_EQ(write_to(other, "{}"), 0);
-        EXPECT_EQ(receive(staying, 8), frame("{ }\0"s));
     }
 }
 
