@@ -90,10 +90,12 @@ public:
     }
 
     uint32_t zone() const { return bits_ >> 3; }
-    bool is_peer(directions set) const { return has(set, bits_ & 7); }
-    bool is_port(directions set) const { return has(set << 4, bits_ & 7); }
+    bool is_peer(directions set) const { return has(set, kind()); }
+    bool is_port(directions set) const { return has(set << 4, kind()); }
 
 private:
+    int32_t kind() const { return static_cast<int32_t>(bits_ & 7); }
+
     uint32_t bits_; // zone, port or not, direction
 };
 

@@ -40,7 +40,7 @@ constexpr char log_module[] = "zones.c";
 
 constexpr std::size_t command_size = 107;     // a schedule command and its NUL
 constexpr std::size_t answer_length = 31;     // what is read of the schedule script's output
-constexpr std::size_t chunk_size = 64 * 1024; // of the zone file
+constexpr std::size_t chunk_size = std::size_t{64} * 1024; // of the zone file
 
 struct {
     std::optional<zone_model> model;

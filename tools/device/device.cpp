@@ -76,7 +76,7 @@ void link_folder(const fs::path &root, const fs::path &folder, std::initializer_
 
 void bind_device(const char *path)
 {
-    std::ofstream{path};
+    const std::ofstream mount_point{path};
     check(mount(host_path(path).c_str(), path, nullptr, MS_BIND, nullptr), path);
 }
 
