@@ -8,10 +8,10 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <fstream>
 #include <functional>
@@ -22,7 +22,6 @@
 #include <json-c/json.h>
 #include <malloc.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -32,15 +31,15 @@ constexpr char zones_file[] = "/etc/vandrel/zones.json";
 /// A model of so many zones with so many members each: peers that stand in three zones on average, ports of the same
 /// names everywhere, networks, ranges of addresses, and ranges of MAC addresses.
 struct model {
-    model(unsigned zone_count, unsigned member_count)
+    model(unsigned zone_count, unsigned members_each)
     {
-        const unsigned peer_count = zone_count * member_count * 4 / 10 / 3;
+        const unsigned peer_count = zone_count * members_each * 4 / 10 / 3;
         for (unsigned i = 0; i < peer_count; ++i)
             peers.push_back("token-" + std::to_string(1000000000 + i * 7919));
         for (unsigned id = 0; id < zone_count; ++id) {
             zones.push_back({.id = static_cast<int>(id)});
             text += (id ? ",\"" : "\"") + std::to_string(id) + R"(":{"members":{)";
-            for (unsigned i = 0; i < member_count; ++i)
+            for (unsigned i = 0; i < members_each; ++i)
                 add_member(i);
             text.back() = '}';
             text += '}';
@@ -112,12 +111,20 @@ struct model {
 
 using action = std::function<void(unsigned)>;
 
+/// Processor time, in which other processes count least.
+double seconds_now()
+{
+    timespec now;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
 double seconds(const action &run, unsigned first, unsigned times)
 {
-    const auto begin = std::chrono::steady_clock::now();
+    const double begin = seconds_now();
     for (unsigned i = first; i < first + times; ++i)
         run(i);
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count() / times;
+    return (seconds_now() - begin) / times;
 }
 
 /// How much longer run takes than floor: the median over turns that each take.
@@ -139,15 +146,6 @@ void look_at_file(unsigned = 0)
     struct stat status;
     access(zones_file, F_OK);
     stat(zones_file, &status);
-}
-
-struct mac_address {
-    uint8_t bytes[6];
-};
-
-void use(const void *value)
-{
-    asm volatile("" : : "r"(value) : "memory");
 }
 
 /// Questions of one kind, one of each peer in turn.
@@ -233,13 +231,6 @@ void bench_queries(model &made, std::size_t count)
     bench(questions<int>{"members", all(+ZONE_DIRECTION_OUT), list_members, list_plainly});
 }
 
-void bench_load()
-{
-    const action load = [](unsigned) { zones_load(); };
-    const action parse = [](unsigned) { json_object_put(json_object_from_file(zones_file)); };
-    std::printf("  load %.2f x parsing alone\n", ratio(load, 1, parse, 1, 15));
-}
-
 struct memory {
     double heap, mapped, resident;
 };
@@ -257,31 +248,53 @@ memory memory_now()
             resident * 1024};
 }
 
-/// In a process of its own: loads the model, which is what is measured once and then again.
-int measure_memory(unsigned members)
+/// In a process of its own, which has done nothing before: parses the file or loads the model once. Prints the seconds,
+/// and the bytes that are kept.
+int measure_once(bool is_load)
 {
     const memory before = memory_now();
-    for (const char *when : {"after one load", "after ten more"}) {
-        for (int i = 0; i < (when[6] == 'o' ? 1 : 10); ++i)
-            zones_load();
-        const memory after = memory_now();
-        std::printf("  bytes by member in a fresh process %s: %.1f heap + %.1f mapped, %.1f resident\n", when,
-                    (after.heap - before.heap) / members, (after.mapped - before.mapped) / members,
-                    (after.resident - before.resident) / members);
-    }
+    const double begin = seconds_now();
+    if (is_load)
+        zones_load();
+    else
+        json_object_put(json_object_from_file(zones_file));
+    const double taken = seconds_now() - begin;
+    const memory after = memory_now();
+    std::printf("%.9f %.0f %.0f %.0f\n", taken, after.heap - before.heap, after.mapped - before.mapped,
+                after.resident - before.resident);
     return 0;
 }
 
-void bench_memory(const model &made)
+struct measured {
+    double seconds = 0, heap = 0, mapped = 0, resident = 0;
+};
+
+measured measure(const std::string &program, const char *what)
 {
-    std::fflush(stdout);
-    const std::string members = std::to_string(made.member_count);
-    if (const pid_t child = fork(); child == 0) {
-        execl("/proc/self/exe", "zones_bench", members.c_str(), nullptr);
-        _exit(1);
-    } else {
-        waitpid(child, nullptr, 0);
+    measured result;
+    FILE *pipe = popen((program + ' ' + what).c_str(), "r");
+    if (!pipe ||
+        std::fscanf(pipe, "%lf %lf %lf %lf", &result.seconds, &result.heap, &result.mapped, &result.resident) != 4)
+        std::puts("  measuring failed");
+    if (pipe)
+        pclose(pipe);
+    return result;
+}
+
+/// What a daemon sees that loads the file when it starts, and now and then: a heap that has not grown to it yet.
+void bench_load(const std::string &program, double members)
+{
+    std::vector<double> ratios;
+    measured load;
+    for (int turn = 0; turn < 21; ++turn) {
+        const measured parse = measure(program, "parse");
+        load = measure(program, "load");
+        ratios.push_back(load.seconds / parse.seconds);
     }
+    std::ranges::sort(ratios);
+    std::printf(
+        "  load in a fresh process: %.2f x parsing alone; bytes by member: %.1f heap, %.1f mapped, %.1f resident\n",
+        ratios[ratios.size() / 2], load.heap / members, load.mapped / members, load.resident / members);
 }
 
 } // namespace
@@ -289,17 +302,19 @@ void bench_memory(const model &made)
 int main(int argc, char **argv)
 {
     if (argc == 2)
-        return measure_memory(static_cast<unsigned>(std::atoi(argv[1])));
+        return measure_once(std::string{argv[1]} == "load");
+    char program[4096] = "";
+    if (readlink("/proc/self/exe", program, sizeof program - 1) < 0)
+        return 1;
     enter_device();
     for (const auto &[zones, members] : {std::pair{10U, 20U}, {100U, 100U}, {1000U, 100U}}) {
         model made{zones, members};
         if (!zones_load())
             return 1;
-        std::printf("%u zones x %u members\n", zones, members);
+        std::printf("%u zones x %u members, times the floor\n", zones, members);
         bench_queries(made, 8);
         bench_queries(made, 1000);
-        bench_load();
-        bench_memory(made);
+        bench_load(program, made.member_count);
     }
     zones_free();
     return 0;

@@ -170,10 +170,10 @@ void zone_model::index_names()
         slot.first_place = end += slot.places; // for now the end of its places, which are filled in from behind
     for (std::size_t zone = zones().size(); zone-- > 0;) {
         const auto members = members_of(zone);
-        for (auto member = members.rbegin(); member != members.rend(); ++member) {
-            if (!has_name(*member))
+        for (std::size_t i = members.size(); i-- > 0;) {
+            if (!has_name(members[i]))
                 continue;
-            places_[--slots_[slot_of.back()].first_place] = place{zone, *member};
+            places_[--slots_[slot_of.back()].first_place] = place{zone, members[i]};
             slot_of.pop_back();
         }
     }

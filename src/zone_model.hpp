@@ -27,7 +27,7 @@ constexpr directions all_directions = subjects | reachable | 1U << ZONE_DIRECTIO
 
 constexpr bool has(directions set, int32_t direction)
 {
-    return (set >> direction & 1) != 0;
+    return (set >> static_cast<unsigned>(direction) & 1) != 0;
 }
 
 /// The text as a member holds it: cut, with zero bytes behind it.
@@ -63,7 +63,8 @@ template <typename T> struct page_allocator {
 
     T *allocate(std::size_t count) const
     {
-        void *pages = mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void *pages =
+            mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
         return pages != MAP_FAILED ? static_cast<T *>(pages) : throw std::bad_alloc{};
     }
     void deallocate(T *pages, std::size_t count) const noexcept { munmap(pages, count * sizeof(T)); }

@@ -38,8 +38,8 @@ using namespace vandrel;
 
 constexpr char log_module[] = "zones.c";
 
-constexpr std::size_t command_size = 107;     // a schedule command and its NUL
-constexpr std::size_t answer_length = 31;     // what is read of the schedule script's output
+constexpr std::size_t command_size = 107;                  // a schedule command and its NUL
+constexpr std::size_t answer_length = 31;                  // what is read of the schedule script's output
 constexpr std::size_t chunk_size = std::size_t{64} * 1024; // of the zone file
 
 struct {
@@ -122,8 +122,9 @@ member_fields fields_of(json_object *object)
         return fields;
     json_object_object_foreach(object, name, value)
     {
+        const std::string_view text = name;
         for (const auto &[key, field] : member_keys) {
-            if (key == name)
+            if (key == text)
                 fields.*field = value;
         }
     }
@@ -257,6 +258,7 @@ bool read_zones(json_object *zones, zone_records &records)
     {
         if (value && !read_zone(key, value, records))
             complete = false;
+        json_object_object_del(zones, key); // at once, while it is in the processor's caches
     }
     return complete;
 }
