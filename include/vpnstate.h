@@ -4,7 +4,8 @@
  * Each connection has one JSON file in /var/run/vandrel/vpnstate, named after the common name of its peer with ".json"
  * appended. The files are only read here. Their daemons may rewrite them at any time: one that is caught half-written
  * counts as unreadable. Only a regular file, or a link to one, is read; a FIFO, socket, device or directory in its
- * place counts as unreadable too and never blocks.
+ * place counts as unreadable too and never blocks. Walks over the directory know a regular file by the type that its
+ * entry has there: on a file system that reports none (DT_UNKNOWN) they see no file at all.
  *
  * Nothing here keeps state, no descriptor stays open after a call, and every function may be called from any thread.
  */

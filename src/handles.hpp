@@ -1,6 +1,8 @@
-// Owners of C handles. A raw pointer or descriptor elsewhere in the library is always borrowed.
+// Owners of C handles, and calls that a signal interrupts. A raw pointer or descriptor elsewhere in the library is
+// always borrowed.
 #pragma once
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -53,5 +55,14 @@ public:
 private:
     int fd_ = -1;
 };
+
+/// The result of a system call, which is made again for as long as a signal interrupts it.
+template <typename Call> auto uninterrupted(Call &&call)
+{
+    auto result = call();
+    while (result == -1 && errno == EINTR)
+        result = call();
+    return result;
+}
 
 } // namespace vandrel

@@ -167,7 +167,7 @@ int shell_command::wait()
 {
     output_.reset();
     int status = -1;
-    if (pid_ > 0 && TEMP_FAILURE_RETRY(waitpid(pid_, &status, 0)) != pid_)
+    if (pid_ > 0 && uninterrupted([&] { return waitpid(pid_, &status, 0); }) != pid_)
         status = -1; // somebody else has it: a handler of the daemon, or the kernel where SIGCHLD is ignored
     pid_ = -1;
     return status;
@@ -292,7 +292,7 @@ long file_read_all(char **buffer, const char *path)
     if (size < 0 || size > largest_file)
         return -1;
     const auto bytes = static_cast<std::size_t>(size);
-    c_string block{static_cast<char *>(std::malloc(bytes))};
+    c_string block{static_cast<char *>(std::malloc(std::max<std::size_t>(bytes, 1)))}; // malloc(0) may give null
     if (!block || std::fread(block.get(), 1, bytes, file.get()) != bytes)
         return -1;
     *buffer = block.release();
@@ -331,7 +331,7 @@ int ensure_dir_exists(const char *path, mode_t mode)
 long get_uptime(void)
 {
     struct sysinfo info;
-    return sysinfo(&info) == 0 ? info.uptime : static_cast<long>(std::time(nullptr));
+    return sysinfo(&info) == 0 ? static_cast<long>(info.uptime) : static_cast<long>(std::time(nullptr));
 }
 
 long get_uptime_seconds(void)

@@ -304,7 +304,7 @@ json_handle parse(int fd, char *chunk)
         return nullptr;
     json_handle document;
     do {
-        const ssize_t length = TEMP_FAILURE_RETRY(read(fd, chunk, chunk_size));
+        const ssize_t length = uninterrupted([&] { return read(fd, chunk, chunk_size); });
         if (length <= 0)
             return nullptr;
         errno = 0;
