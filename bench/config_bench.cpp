@@ -1,5 +1,6 @@
 // What config_lookup costs beside the same libuci calls made directly, for an option in the middle of a usual network
 // package. Both make a context, read the package and copy the text.
+#include "against_floor.hpp"
 #include "device.hpp"
 
 #include "uciconfig.h"
@@ -8,9 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <vector>
 
-#include <benchmark/benchmark.h>
 #include <uci.h>
 
 namespace {
@@ -36,25 +35,6 @@ void by_hand(benchmark::State &state)
     }
 }
 
-BENCHMARK(config_lookup_call)->MinTime(0.1)->Repetitions(25)->ReportAggregatesOnly()->UseRealTime();
-BENCHMARK(by_hand)->MinTime(0.1)->Repetitions(25)->ReportAggregatesOnly()->UseRealTime();
-
-/// Google Benchmark's table, with the medians kept for the ratio below it.
-class with_ratio : public benchmark::ConsoleReporter {
-public:
-    with_ratio() : ConsoleReporter{OO_None} {}
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            if (run.aggregate_name == "median")
-                (run.run_name.function_name == "by_hand" ? floor : call) = run.GetAdjustedRealTime();
-        }
-    }
-    double call = 0;
-    double floor = 0;
-};
-
 void write_network_package()
 {
     std::ofstream file{"/etc/config/network"};
@@ -71,13 +51,6 @@ int main(int argc, char **argv)
     enter_device();
     write_network_package();
 
-    // Repetitions in turn, so that a machine that grows slower meanwhile slows both.
-    std::vector<char *> options{argv, argv + argc};
-    char interleaved[] = "--benchmark_enable_random_interleaving=true";
-    options.insert(options.begin() + 1, interleaved);
-    int count = static_cast<int>(options.size());
-    benchmark::Initialize(&count, options.data());
-    with_ratio reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("config_lookup costs %.3f times the same libuci calls\n", reporter.call / reporter.floor);
+    const double ratio = cost_against_floor(argc, argv, config_lookup_call, by_hand);
+    std::printf("config_lookup costs %.3f times the same libuci calls\n", ratio);
 }

@@ -1,5 +1,6 @@
 // What a log call costs beside a libevtlog record made by hand with the same text and the same two tags, both to a
 // /dev/log that somebody drains.
+#include "against_floor.hpp"
 #include "device.hpp"
 
 #include "logging.h"
@@ -8,9 +9,7 @@
 #include <cstdio>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -38,25 +37,6 @@ void by_hand(benchmark::State &state)
     }
 }
 
-BENCHMARK(log_call)->MinTime(0.2)->Repetitions(9)->ReportAggregatesOnly()->UseRealTime();
-BENCHMARK(by_hand)->MinTime(0.2)->Repetitions(9)->ReportAggregatesOnly()->UseRealTime();
-
-/// Google Benchmark's table, and below it the ratio of the two medians.
-class with_ratio : public benchmark::ConsoleReporter {
-public:
-    with_ratio() : ConsoleReporter{OO_None} {}
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            if (run.aggregate_name == "median")
-                (run.run_name.function_name == "log_call" ? call : floor) = run.GetAdjustedRealTime();
-        }
-    }
-    double call = 0;
-    double floor = 0;
-};
-
 void drain(int fd)
 {
     char buffer[4096];
@@ -75,15 +55,8 @@ int main(int argc, char **argv)
     std::thread reader{drain, fd};
     logging_init("bench", 0);
 
-    // Repetitions in turn, so that a machine that grows slower meanwhile slows both.
-    std::vector<char *> options{argv, argv + argc};
-    char interleaved[] = "--benchmark_enable_random_interleaving=true";
-    options.insert(options.begin() + 1, interleaved);
-    int count = static_cast<int>(options.size());
-    benchmark::Initialize(&count, options.data());
-    with_ratio reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("a log call costs %.2f times a record made by hand\n", reporter.call / reporter.floor);
+    const double ratio = cost_against_floor(argc, argv, log_call, by_hand);
+    std::printf("a log call costs %.2f times a record made by hand\n", ratio);
     std::fflush(stdout);
 
     vd_logging_close(&libvandrel_logcontext);
