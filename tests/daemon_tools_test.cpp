@@ -12,13 +12,13 @@
 #include <functional>
 #include <set>
 #include <sstream>
-#include <tuple>
 
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -74,31 +74,30 @@ text status(pid_t pid, const text &name)
     return result;
 }
 
-struct memory {
-    int result, secure_bits, exits, stray_records;
+struct daemon_answer {
+    int result, secure_bits;
 };
-memory *shared; // by the test and the processes that it starts
+daemon_answer *shared; // by the test and the processes that it starts
 
 class daemon_tools_test : public device_test {
 protected:
     daemon_tools_test()
     {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
-        void *page = mmap(nullptr, sizeof(memory), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        shared = static_cast<memory *>(page);
+        void *page = mmap(nullptr, sizeof(daemon_answer), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        shared = static_cast<daemon_answer *>(page);
         write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nagent:x:1001:1002::/:/bin/false\n");
         write_file("/etc/group", "root:x:0:\nagent:x:1002:\nextra:x:1003:agent\n");
     }
     ~daemon_tools_test() override { end(); }
 
-    /// Gives the process that the call returned in. It takes the last step when it is ended with SIGCONT.
+    /// Gives the process that the call returned in, once all before it have ended. It takes the last step when it is
+    /// ended with SIGCONT.
     pid_t start(const daemonize_options *options, const step &before, const step &last = nullptr)
     {
         end();
-        ended.clear();
         std::fflush(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
+        if (fork() == 0) {
             if (before)
                 before();
             shared->result = vd_daemonize(options);
@@ -108,11 +107,16 @@ protected:
                 last();
             _exit(0);
         }
-        int state = 0;
-        while ((pid_ = waitpid(ended.empty() ? pid_ : -1, &state, WUNTRACED)) > 0 && !WIFSTOPPED(state))
-            ended.push_back(state);
-        while (waitpid(-1, &state, WNOHANG) > 0)
-            ended.push_back(state);
+        forks = 0;
+        pid_t pid;
+        for (int state; (pid = waitpid(-1, &state, WUNTRACED | (pid_ ? WNOHANG : 0))) > 0;) {
+            if (WIFSTOPPED(state)) {
+                pid_ = pid;
+            } else {
+                EXPECT_EQ(state, 0);
+                ++forks;
+            }
+        }
         return pid_;
     }
 
@@ -123,7 +127,7 @@ protected:
         while (wait(nullptr) > 0) {}
     }
 
-    std::vector<int> ended; // the wait statuses of the processes that ended before: one for each fork
+    int forks = 0; // after each of them a process ended
 
 private:
     pid_t pid_ = 0;
@@ -137,16 +141,16 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
     const auto note = [](int line) { vd_logging_log(libvandrel_logcontext, LOG_INFO, "x.c", line, -1, "note"); };
     for (const bool plain_sweep : {false, true}) {
         const auto before = [&] {
-            note(1); // so that the log has a descriptor
-            std::atexit([] { ++shared->exits; });
+            note(1);  // so that the log has a descriptor
             setsid(); // the terminal becomes the controlling one, and the end of this process hangs it up
             if (ioctl(ioctl(terminal, TIOCGPTPEER, O_RDWR), TIOCSCTTY, 0) == 0 && freopen("/tmp/output", "w", stdout))
                 std::fputs(chdir("/tmp") == 0 ? "once" : "", stdout);
-            static pid_t parent = 0;
-            pthread_atfork([] { parent = getpid(); }, nullptr,
-                           [] {
-                               while (getppid() == parent) {}
-                           });
+            static pid_t parent = 0; // each child goes on when it has no parent any more
+            const auto wait = [] {
+                while (getppid() == parent)
+                    sched_yield();
+            };
+            pthread_atfork([] { parent = getpid(); }, nullptr, wait);
             dup2(terminal, 800);
             limit(RLIMIT_NOFILE, plain_sweep ? 801 : 100);
             if (plain_sweep)
@@ -157,13 +161,10 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
             for (int i = 0; i < 20; i += 2)
                 socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets + i);
             note(2);
-            for (const int fd : sockets)
-                shared->stray_records += recv(fd, nullptr, 0, MSG_DONTWAIT) >= 0;
         };
         const pid_t pid = start(plain_sweep ? &options : nullptr, before, last);
         EXPECT_EQ(shared->result, 0);
-        EXPECT_EQ(ended, (std::vector<int>{0, 0}));
-        EXPECT_EQ(std::exchange(shared->exits, 0), 2);
+        EXPECT_EQ(forks, 2);
         EXPECT_EQ(read_file("/tmp/output"), "once");
         EXPECT_EQ(status(pid, "Umask"), plain_sweep ? "0123" : "0027");
         const fs::path process = "/proc/" + std::to_string(pid);
@@ -175,14 +176,12 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
         text name, state;
         int id = 0, parent = 0, group = 0, session = 0, daemon_terminal = -1;
         std::ifstream{process / "stat"} >> id >> name >> state >> parent >> group >> session >> daemon_terminal;
-        EXPECT_EQ(daemon_terminal, 0);
-        EXPECT_TRUE(session == group && session != pid) << session << " " << group;
+        EXPECT_TRUE(session == group && session != pid && daemon_terminal == 0) << session << " " << group;
         end(SIGCONT);
         const auto lines = raw_log(2);
         ASSERT_EQ(lines.size(), 2U);
-        EXPECT_NE(lines[1].find(" test["), text::npos) << lines[1];
-        EXPECT_NE(lines[1].find(": note; filename='x.c:2'"), text::npos) << lines[1];
-        EXPECT_EQ(shared->stray_records, 0);
+        EXPECT_TRUE(lines[1].find(" test[") != text::npos && lines[1].ends_with(": note; filename='x.c:2'"))
+            << lines[1];
     }
 }
 
@@ -193,11 +192,8 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
     const text all = "00000000000001c1", chown = "0000000000000001", none = "0000000000000000";
     // user, group, whether there is a list; ids, supplementary groups (7 when kept), capabilities and secure bits
     const std::tuple<const char *, const char *, bool, text, text, text, int> cases[] = {
-        {nullptr, nullptr, false, "0 0", "7", all, 0},
         {nullptr, nullptr, true, "0 0", "7", chown, 0},
         {nullptr, "agent", false, "0 1002", "7", all, 0},
-        {nullptr, "agent", true, "0 1002", "7", chown, 12},
-        {"agent", nullptr, false, "1001 0", "7", none, 0},
         {"agent", nullptr, true, "1001 0", "7", chown, 12},
         {"agent", "agent", false, "1001 1002", "1002 1003", none, 0},
         {"agent", "agent", true, "1001 1002", "1002 1003", chown, 12},
@@ -210,14 +206,11 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
                 setgroups(1, &other);
                 hold("cap_chown,cap_setgid,cap_setuid,cap_setpcap=eip");
             });
-            text rights;
-            for (const char *name : {"Uid", "Gid", "Groups", "CapPrm", "CapEff", "CapInh"})
-                rights += status(pid, name) + " ";
-            EXPECT_EQ(rights, ids + " " + (keep ? "7" : groups) + " " + capabilities + " " + capabilities + " " +
-                                  (list ? none : all) + " ");
-            EXPECT_EQ(shared->result, 0);
-            EXPECT_EQ(ended, (std::vector<int>{0, 0}));
-            EXPECT_EQ(shared->secure_bits, secure_bits);
+            EXPECT_EQ(status(pid, "Uid") + " " + status(pid, "Gid"), ids);
+            EXPECT_EQ(status(pid, "Groups"), keep ? "7" : groups);
+            EXPECT_EQ(status(pid, "CapPrm") + status(pid, "CapEff"), capabilities + capabilities);
+            EXPECT_EQ(status(pid, "CapInh"), list ? none : all);
+            EXPECT_TRUE(shared->result == 0 && forks == 2 && shared->secure_bits == secure_bits) << ids;
             EXPECT_EQ(log(), records{});
         }
     }
@@ -236,45 +229,40 @@ TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
 {
     if (!several_ids())
         GTEST_SKIP() << "needs several ids";
-    using options = daemonize_options;
-    const cap_value_t odd[] = {CAP_CHOWN, -1, 63, 1000};
-    const options plain{"agent", "agent", 0, nullptr, 0, false}, keep{"agent", "agent", 0, nullptr, 0, true};
-    const options list{"agent", "agent", 0, chown_only, 1, false}, no_list{"agent", "agent", 0, chown_only, 0, false};
-    const options odd_list{"agent", "agent", 0, odd, 4, false};
-    const options no_group{"agent", "none", 0, nullptr, 0, false}, empty_group{"agent", "", 0, nullptr, 0, false};
-    const options no_user{"none", "agent", 0, nullptr, 0, false}, empty_user{"", nullptr, 0, nullptr, 0, false};
+    const daemonize_options plain{"agent", "agent", 0, nullptr, 0, false}, keep{"agent", "agent", 0, nullptr, 0, true};
+    const daemonize_options list{"agent", "agent", 0, chown_only, 1, false},
+        empty{"agent", "agent", 0, chown_only, 0, false};
+    const daemonize_options no_group{"agent", "none", 0, nullptr, 0, false},
+        no_user{"none", "agent", 0, nullptr, 0, false};
+    const daemonize_options no_text{"", nullptr, 0, nullptr, 0, false};
     const auto no_process = [] { limit(RLIMIT_NPROC, 0); };
     const auto no_second_process = [&] { pthread_atfork(nullptr, nullptr, no_process); };
-    const auto denied = [](unsigned call, unsigned err) { return [=] { deny(call, err); }; };
+    const auto denied = [](unsigned call) { return [=] { deny(call, EPERM); }; };
     const auto holding = [](const char *capabilities) { return [=] { hold(capabilities); }; };
     const text again = "Resource temporarily unavailable\n", root = "0 0", half = "0 1002", agent = "1001 1002";
     // then the result, after how many forks, with which ids, and what is logged
-    const std::tuple<options, step, int, std::size_t, text, records> cases[] = {
+    const std::tuple<daemonize_options, step, int, int, text, records> cases[] = {
         {list, holding("cap_setgid,cap_setuid=ep"), -20, 0, root, failed("Setting securebits failed", EPERM)},
         {no_group, nullptr, -21, 0, root, failed("Didn't find group 'none' for setting process group id", -1, -8)},
-        {empty_group, nullptr, -21, 0, root, failed("Didn't find group '' for setting process group id", -1, -8)},
         {plain, holding("cap_setuid=ep"), -21, 0, root, failed("initgroups() failed", EPERM, -9)},
         {keep, holding("cap_setuid=ep"), -21, 0, root,
          failed("Unable to set group id to 1002 (name 'agent')", EPERM, -7)},
         {no_user, nullptr, -21, 0, half, failed("Didn't find user 'none' for setting process user id", -1, -5)},
-        {empty_user, nullptr, -21, 0, root, failed("Didn't find user '' for setting process user id", -1, -5)},
+        {no_text, nullptr, -21, 0, root, failed("Didn't find user '' for setting process user id", -1, -5)},
         {plain, holding("cap_setgid=ep"), -21, 0, half,
          failed("Unable to set user id to 1001 (name 'agent')", EPERM, -6)},
-        {list, denied(SYS_capget, EPERM), -22, 0, agent, failed("cap_get_proc() failed")},
-        {no_list, nullptr, -23, 0, agent, failed("cap_set_flag() with CAP_PERMITTED failed")},
-        {odd_list, nullptr, 0, 2, agent, {}},
+        {list, denied(SYS_capget), -22, 0, agent, failed("cap_get_proc() failed")},
+        {empty, nullptr, -23, 0, agent, failed("cap_set_flag() with CAP_PERMITTED failed")},
         {list, holding("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, agent, failed("cap_set_proc() failed", EPERM)},
         {plain, no_process, -1, 0, agent, failed("Error, cannot fork, " + again, EAGAIN)},
-        {plain, denied(SYS_setsid, EPERM), -2, 1, agent,
-         failed("Error, setsid failed, Operation not permitted\n", EPERM)},
+        {plain, denied(SYS_setsid), -2, 1, agent, failed("Error, setsid failed, Operation not permitted\n", EPERM)},
         {plain, no_second_process, -3, 1, agent, failed("Error, cannot fork second time, " + again, EAGAIN)},
-        {plain, denied(SYS_chdir, EACCES), -4, 2, agent, failed("Error, cannot change directory into /")},
+        {plain, denied(SYS_chdir), -4, 2, agent, failed("Error, cannot change directory into /")},
     };
-    for (const auto &[wanted, before, result, forks, ids, logged] : cases) {
+    for (const auto &[wanted, before, result, ended, ids, logged] : cases) {
         const pid_t pid = start(&wanted, before);
         EXPECT_EQ(log(), logged);
-        EXPECT_EQ(shared->result, result);
-        EXPECT_EQ(ended, std::vector<int>(forks, 0));
+        EXPECT_TRUE(shared->result == result && forks == ended) << result;
         EXPECT_EQ(status(pid, "Uid") + " " + status(pid, "Gid"), ids) << result;
     }
 }

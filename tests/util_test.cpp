@@ -20,12 +20,13 @@ TEST_F(util, texts_are_compared_and_copied)
 {
     const auto sign = [](int value) { return (value > 0) - (value < 0); };
     const std::tuple<const char *, const char *, int, int, int> cases[] = {
-        {"a", "b", -1, -1, -1},     {"ab", "ac", -1, 0, -1}, {"a", "", 1, 1, 1},   {"ETH0", "eth0", -1, -1, 0},
-        {"eth", "eth0", -1, 0, -1}, {"\xE4", "z", 1, 1, 1},  {"_", "A", 1, 1, -1}, {nullptr, nullptr, 0, 0, 0},
-        {nullptr, "", 1, 1, 0},     {"", nullptr, 1, 1, 0},  {"a", "a", 0, 0, 0}};
+        {"a", "", 1, 1, 97},         {"ab", "ac", -1, 0, -1},  {"ETH0", "eth0", -1, -1, 0},
+        {"eth", "eth0", -1, 0, -48}, {"\xE4", "z", 1, 1, 106}, {"_", "A", 1, 1, -2},
+        {nullptr, nullptr, 0, 0, 0}, {nullptr, "", 1, 1, 0},   {"", nullptr, 1, 1, 0}};
     for (const auto &[a, b, whole, first, either_case] : cases) {
         EXPECT_TRUE(sign(safestrcmp(a, b)) == whole && sign(safestrncmp(a, b, 1)) == first) << a << b;
-        EXPECT_TRUE(sign(safememcmp(a, 1, b)) == first && (!a || !b || sign(__stricmp(a, b)) == either_case)) << a << b;
+        EXPECT_TRUE(sign(safememcmp(a, 1, b)) == first && (!a || !b || __stricmp(a, b) == either_case)) << a << b;
+        EXPECT_TRUE(safestrncmp(a, b, 0) == (!a != !b) && safememcmp(a, 0, b) == (!a != !b)) << a << b;
     }
     for (const auto &[size, want] : {std::pair{0U, "xxxxxx"}, {1U, "\0xxxxx"}, {3U, "ab\0xxx"}, {4U, "abc\0xx"}}) {
         char buffer[] = "xxxxxx";
@@ -86,7 +87,8 @@ TEST_F(util, files_are_looked_at_and_read)
                 file_read("/tmp/none", buffer, 8, 2) == 0);
     EXPECT_EQ(log(), records{warning("Couldn't open file /tmp/none", "util.c")});
     const int descriptors = open_descriptors();
-    for (const char *path : {"/tmp", "/sys/class/net/lo/mtu", "/tmp/file", "/tmp/none"}) // mtu is shorter than it says
+    for (const char *path :
+         {"/tmp", "/proc", "/sys/class/net/lo/mtu", "/tmp/file", "/tmp/none"}) // mtu is shorter than it says
         EXPECT_TRUE(file_read_all(&block, path) == -1 && !block) << path;
     const allocation_refusal refuse{1};
     EXPECT_TRUE(file_read_all(&block, "/etc/passwd") == -1 && file_read("/tmp", buffer, 8, 0) == 0 && log().empty());
@@ -108,16 +110,25 @@ TEST_F(util, directories_are_made_with_those_above)
 
 TEST_F(util, command_gives_its_output_and_its_end)
 {
-    const std::tuple<const char *, size_t, int, const char *> cases[] = {
-        {"while :; do echo hi; done", 4, 3, "hi\n"}, {"echo hi", 3, 2, "hi"}, {"echo hi", 4, 0, "hi\n"},
-        {"printf ab; exec >&-; exit 0", 8, 0, "ab"}, {"yes", 3, 3, "y\n"},    {"exit 3", 8, 1, ""},
-        {"printf ab; kill -KILL $$", 8, 1, "ab"},    {"echo hi", 1, 2, ""},   {nullptr, 4, 4, ""}};
+    const std::tuple<const char *, size_t, int, const char *> cases[] = {{"yes", 3, 3, "y\n"},
+                                                                         {"echo hi", 3, 2, "hi"},
+                                                                         {"echo hi", 4, 0, "hi\n"},
+                                                                         {"printf ab; exec >&-", 8, 0, "ab"},
+                                                                         {"echo hi", 1, 2, ""},
+                                                                         {"exit 3", 8, 1, ""},
+                                                                         {"printf ab; kill -9 $$", 8, 1, "ab"},
+                                                                         {nullptr, 4, 4, ""}};
     const int descriptors = open_descriptors();
     std::string buffer(3000001, 'x');
     EXPECT_EQ(vd_run_command_simple("yes | head -c 3000000", buffer.data(), buffer.size()), 0);
     EXPECT_EQ(std::strlen(buffer.data()), 3000000U);
-    for (const auto handling : {SIG_DFL, SIG_IGN}) {
+    sigset_t broken_pipe;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    for (const auto &[handling, blocking] :
+         {std::pair{SIG_DFL, SIG_UNBLOCK}, {SIG_IGN, SIG_UNBLOCK}, {SIG_DFL, SIG_BLOCK}}) {
         std::signal(SIGPIPE, handling);
+        pthread_sigmask(blocking, &broken_pipe, nullptr);
         for (const auto &[command, size, want, output] : cases) {
             buffer.assign(size, 'x');
             EXPECT_EQ(vd_run_command_simple(command, buffer.data(), size), want) << command << size;
@@ -160,6 +171,8 @@ TEST_F(util, common_names_are_found_told_apart_and_translated)
         EXPECT_STREQ(name, translated ? want : "untouched") << type;
         EXPECT_EQ(log(), translated ? records{} : records{warning(want, "util.c")});
     }
+    EXPECT_NE(translate_common_name(nullptr, "token-", 1), 1);
+    EXPECT_EQ(log(), records{warning("Missing arguments", "util.c")});
     EXPECT_TRUE(parse_ip("10.1") == 0x0A000001 && parse_ip_free(strdup("10.2")) == 0x0A000002 && log().size() == 2);
 }
 

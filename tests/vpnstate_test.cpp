@@ -66,10 +66,10 @@ TEST_F(vpnstate, every_key_fills_its_field)
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"", "3 4 5 6 7 8 9 10 11 12 -1 13 0 14 15 0 16 17 18 19 20 1 2 15 16 17 18 19 1a", ""},
         {"true", bad, no},
-        {"2147483648", bad, "80000000"},
         {"null", "Failed to load VPN state;", ""},
         {"3", "3 T T T T T T T T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + peer, "3"},
         {"4", "3 T T T T T T T T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + peer + state, "4"},
+        {"2147483648", bad, "80000000"},
         {"-1", "3 T T T T T T -1 T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + state, no},
         {"-2", "3 T T T T T T -1 T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + peer + state, no}};
     for (const auto &[value, pattern, ip] : cases) {
@@ -140,12 +140,13 @@ TEST_F(vpnstate, many_files_are_searched_for_activity_and_for_an_interface)
         EXPECT_EQ(vpnstate_get_common_name(cn, dev), want) << dev;
     EXPECT_TRUE(cn == std::string{"01234567890123456789012345"} && vpnstate_get_common_name(cn, nullptr) == 1);
     EXPECT_TRUE(vpnstate_is_any_active() == 0 && warned().empty());
-    write_file(directory + "half", "{");
-    EXPECT_EQ(vpnstate_get_common_name(cn, "tun3"), 1);
-    EXPECT_EQ(warned(), "Parsing VPN state JSON file failed;Loading vpn state failed;");
-    std::filesystem::rename(directory + "half", directory + std::string(32, 'n')); // a name is cut after 31 characters
-    EXPECT_EQ(vpnstate_get_common_name(cn, "tun3"), 1);
-    EXPECT_EQ(warned(), "Opening VPN state JSON file failed;Loading vpn state failed;");
+    for (const auto &[length, step] : {std::pair{31U, "Parsing"}, {32U, "Opening"}}) { // a name is cut after 31
+        const std::string half = directory + std::string(length, 'n');
+        write_file(half, "{");
+        EXPECT_EQ(vpnstate_get_common_name(cn, "tun3"), 1);
+        EXPECT_EQ(warned(), step + std::string{" VPN state JSON file failed;Loading vpn state failed;"});
+        std::filesystem::remove(half);
+    }
     const int descriptors = open_descriptors();
     write_file(directory + "up.json", R"({"dev": ""})");
     EXPECT_TRUE(vpnstate_is_any_active() == 1 && open_descriptors() == descriptors);

@@ -11,21 +11,10 @@
 
 #include <link.h>
 
-extern "C" {
-void *__interceptor_malloc(std::size_t size);
-void *__interceptor_calloc(std::size_t count, std::size_t size);
-void *__interceptor_realloc(void *block, std::size_t size);
-void __interceptor_free(void *block);
-char *__interceptor_strdup(const char *text);
-char *__interceptor_strndup(const char *text, std::size_t size);
-int __interceptor_vasprintf(char **text, const char *format, va_list args);
-}
-
 namespace {
 
 struct range {
-    std::uintptr_t begin = 0;
-    std::uintptr_t end = 0;
+    std::uintptr_t begin = 0, end = 0;
 
     bool holds(const void *address) const
     {
@@ -56,8 +45,9 @@ int note_object(dl_phdr_info *object, std::size_t, void *)
     return 0;
 }
 
-bool is_refused(bool counts)
+bool is_refused(const void *caller, bool may_be_runtime = false)
 {
+    const bool counts = refusal.library.holds(caller) || (may_be_runtime && refusal.runtime.holds(caller));
     if (refusal.left == 0 || !counts || --refusal.left != 0)
         return false;
     refusal.happened = true;
@@ -65,98 +55,36 @@ bool is_refused(bool counts)
     return true;
 }
 
-bool is_refused(const void *caller)
-{
-    return is_refused(refusal.library.holds(caller));
-}
-
-void *checked_new(std::size_t size, const void *caller)
-{
-    if (is_refused(refusal.library.holds(caller) || refusal.runtime.holds(caller)))
-        return nullptr;
-    return __interceptor_malloc(size == 0 ? 1 : size);
-}
-
 } // namespace
 
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
+#define REFUSABLE(result, function, parameters, arguments, failure) \
+    result __interceptor_##function parameters; \
+    result function parameters \
+    { \
+        return is_refused(CALLER) ? failure : __interceptor_##function arguments; \
+    }
 
 #pragma GCC visibility push(default) // a hidden one would not stand before the C library's
 extern "C" {
+REFUSABLE(void *, malloc, (std::size_t size), (size), nullptr)
+REFUSABLE(void *, calloc, (std::size_t count, std::size_t size), (count, size), nullptr)
+REFUSABLE(void *, realloc, (void *block, std::size_t size), (block, size), nullptr)
+REFUSABLE(char *, strdup, (const char *text), (text), nullptr)
+REFUSABLE(char *, strndup, (const char *text, std::size_t size), (text, size), nullptr)
+REFUSABLE(int, vasprintf, (char **text, const char *format, va_list args), (text, format, args), -1)
 
-void *malloc(std::size_t size)
+const char *__asan_default_options()
 {
-    return is_refused(CALLER) ? nullptr : __interceptor_malloc(size);
+    return "alloc_dealloc_mismatch=0"; // the operator below takes its block from malloc
 }
-
-void *calloc(std::size_t count, std::size_t size)
-{
-    return is_refused(CALLER) ? nullptr : __interceptor_calloc(count, size);
 }
-
-void *realloc(void *block, std::size_t size)
-{
-    return is_refused(CALLER) ? nullptr : __interceptor_realloc(block, size);
-}
-
-char *strdup(const char *text)
-{
-    return is_refused(CALLER) ? nullptr : __interceptor_strdup(text);
-}
-
-char *strndup(const char *text, std::size_t size)
-{
-    return is_refused(CALLER) ? nullptr : __interceptor_strndup(text, size);
-}
-
-int vasprintf(char **text, const char *format, va_list args)
-{
-    return is_refused(CALLER) ? -1 : __interceptor_vasprintf(text, format, args);
-}
-
-} // extern "C"
 #pragma GCC visibility pop
 
 void *operator new(std::size_t size)
 {
-    void *block = checked_new(size, CALLER);
+    void *block = is_refused(CALLER, true) ? nullptr : __interceptor_malloc(size);
     return block ? block : throw std::bad_alloc{};
-}
-
-void *operator new[](std::size_t size)
-{
-    void *block = checked_new(size, CALLER);
-    return block ? block : throw std::bad_alloc{};
-}
-
-void *operator new(std::size_t size, const std::nothrow_t &) noexcept
-{
-    return checked_new(size, CALLER);
-}
-
-void *operator new[](std::size_t size, const std::nothrow_t &) noexcept
-{
-    return checked_new(size, CALLER);
-}
-
-void operator delete(void *block) noexcept
-{
-    __interceptor_free(block);
-}
-
-void operator delete(void *block, std::size_t) noexcept
-{
-    __interceptor_free(block);
-}
-
-void operator delete[](void *block) noexcept
-{
-    __interceptor_free(block);
-}
-
-void operator delete[](void *block, std::size_t) noexcept
-{
-    __interceptor_free(block);
 }
 
 allocation_refusal::allocation_refusal(int n, std::string_view library)

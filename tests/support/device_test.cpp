@@ -3,7 +3,6 @@
 #include "logging.h"
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,25 +17,7 @@
 
 namespace {
 
-constexpr char log_socket[] = "/dev/log";
-constexpr auto patience = std::chrono::seconds{20};
-
-/// The event log escapes a control character as \x0a, and ; and \ with a backslash.
-std::string unescape(const std::string &text)
-{
-    std::string plain;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\' || i + 1 == text.size()) {
-            plain += text[i];
-        } else if (text[i + 1] == 'x' && i + 3 < text.size()) {
-            plain += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
-            i += 3;
-        } else {
-            plain += text[++i];
-        }
-    }
-    return plain;
-}
+constexpr int patience = 20'000; // milliseconds
 
 /// The value of a tag (name='value') in the tail of a record; empty when it has none.
 std::string tag(const std::string &tail, const std::string &name)
@@ -56,8 +37,9 @@ record parse(const std::string &raw)
     const std::size_t end =
         raw.ends_with(';') ? raw.size() - 1 : std::min(raw.size(), raw.rfind("; ")); // without tags: ;
     const std::string tail = raw.substr(end);
-    record result{LOG_PRI(std::stoi(raw.substr(1))), unescape(raw.substr(begin, end - begin)), tag(tail, "filename"),
-                  -1};
+    record result{LOG_PRI(std::stoi(raw.substr(1))), raw.substr(begin, end - begin), tag(tail, "filename"), -1};
+    for (std::size_t at; (at = result.text.find("\\x0a")) != raw.npos;)
+        result.text.replace(at, 4, "\n");
     result.module.erase(std::min(result.module.size(), result.module.rfind(':')));
     if (const std::string error = tag(tail, "error"); !error.empty())
         result.err = std::stoi(error.substr(error.rfind('(') + 1));
@@ -88,12 +70,10 @@ record info(std::string text, std::string module, int err)
 
 device_test::device_test() : socket_{socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)}
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", log_socket);
+    const sockaddr_un address{AF_UNIX, "/dev/log"};
     if (bind(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0)
-        ADD_FAILURE() << "binding " << log_socket << " failed";
-    chmod(log_socket, 0666);
+        ADD_FAILURE() << "binding /dev/log failed";
+    chmod(address.sun_path, 0666);
     logging_init("test", 0);
 }
 
@@ -107,16 +87,13 @@ device_test::~device_test()
 std::vector<std::string> device_test::raw_log(std::size_t at_least) const
 {
     std::vector<std::string> result;
-    const auto deadline = std::chrono::steady_clock::now() + patience;
     std::string buffer(1 << 20, '\0');
-    for (;;) {
+    pollfd arriving{socket_, POLLIN, 0};
+    do {
         for (ssize_t size; (size = recv(socket_, buffer.data(), buffer.size(), 0)) >= 0;)
             result.emplace_back(buffer, 0, static_cast<std::size_t>(size));
-        if (result.size() >= at_least || std::chrono::steady_clock::now() > deadline)
-            return result;
-        pollfd waiting{socket_, POLLIN, 0};
-        poll(&waiting, 1, 100);
-    }
+    } while (result.size() < at_least && poll(&arriving, 1, patience) > 0);
+    return result;
 }
 
 records device_test::log(std::size_t at_least) const

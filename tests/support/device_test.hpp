@@ -13,7 +13,8 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
-/// A log record as it reached /dev/log; err is the number in its "error" tag, or -1 without one.
+/// A log record as it reached /dev/log (; in its text is \;); err is the
+/// number in its "error" tag, or -1 without one.
 struct record {
     int severity;
     std::string text;
