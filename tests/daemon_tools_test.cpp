@@ -38,22 +38,26 @@ namespace fs = std::filesystem;
 constexpr cap_value_t chown_only[] = {CAP_CHOWN};
 
 /// From here on the process, and what it starts, gets err instead of the system call.
-void deny(unsigned number, unsigned err)
+step deny(unsigned number, unsigned err)
 {
-    sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0), // the number stands first in seccomp_data
-                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | err),
-                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog filter{std::size(program), program};
-    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+    return [=] {
+        sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0), // the number stands first in seccomp_data
+                                 BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+                                 BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | err),
+                                 BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+        const sock_fprog filter{std::size(program), program};
+        prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+    };
 }
 
 /// Cuts the process down to these capabilities, in the form of cap_from_text.
-void hold(const char *capabilities)
+step hold(const char *capabilities)
 {
-    static const cap_t state = cap_from_text(capabilities); // not given back: each process does this once
-    cap_set_proc(state);
+    return [=] {
+        static const cap_t state = cap_from_text(capabilities); // not given back: each process does this once
+        cap_set_proc(state);
+    };
 }
 
 void limit(int resource, rlim_t value)
@@ -154,7 +158,7 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
             dup2(terminal, 800);
             limit(RLIMIT_NOFILE, plain_sweep ? 801 : 100);
             if (plain_sweep)
-                deny(SYS_close_range, ENOSYS);
+                deny(SYS_close_range, ENOSYS)();
         };
         const auto last = [&] {
             int sockets[20]; // one has the number that was the log's
@@ -163,9 +167,7 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
             note(2);
         };
         const pid_t pid = start(plain_sweep ? &options : nullptr, before, last);
-        EXPECT_EQ(shared->result, 0);
-        EXPECT_EQ(forks, 2);
-        EXPECT_EQ(read_file("/tmp/output"), "once");
+        EXPECT_TRUE(shared->result == 0 && forks == 2 && read_file("/tmp/output") == "once");
         EXPECT_EQ(status(pid, "Umask"), plain_sweep ? "0123" : "0027");
         const fs::path process = "/proc/" + std::to_string(pid);
         EXPECT_EQ(fs::read_symlink(process / "cwd"), "/");
@@ -204,7 +206,7 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
             const pid_t pid = start(&options, [] {
                 const gid_t other = 7;
                 setgroups(1, &other);
-                hold("cap_chown,cap_setgid,cap_setuid,cap_setpcap=eip");
+                hold("cap_chown,cap_setgid,cap_setuid,cap_setpcap=eip")();
             });
             EXPECT_EQ(status(pid, "Uid") + " " + status(pid, "Gid"), ids);
             EXPECT_EQ(status(pid, "Groups"), keep ? "7" : groups);
@@ -217,50 +219,40 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
     EXPECT_EQ(vd_set_process_uid_and_gid_by_names(nullptr, nullptr, false), 0);
 }
 
-records failed(const text &message, int err = -1, int inner = 0)
-{
-    records result{error(message, "daemon_tools.c", err)};
-    if (inner != 0)
-        result.push_back(error("Failed to change uid and gid, error " + std::to_string(inner), "daemon_tools.c"));
-    return result;
-}
-
 TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
 {
     if (!several_ids())
         GTEST_SKIP() << "needs several ids";
-    const daemonize_options plain{"agent", "agent", 0, nullptr, 0, false}, keep{"agent", "agent", 0, nullptr, 0, true};
-    const daemonize_options list{"agent", "agent", 0, chown_only, 1, false},
-        empty{"agent", "agent", 0, chown_only, 0, false};
-    const daemonize_options no_group{"agent", "none", 0, nullptr, 0, false},
-        no_user{"none", "agent", 0, nullptr, 0, false};
-    const daemonize_options no_text{"", nullptr, 0, nullptr, 0, false};
-    const auto no_process = [] { limit(RLIMIT_NPROC, 0); };
-    const auto no_second_process = [&] { pthread_atfork(nullptr, nullptr, no_process); };
-    const auto denied = [](unsigned call) { return [=] { deny(call, EPERM); }; };
-    const auto holding = [](const char *capabilities) { return [=] { hold(capabilities); }; };
-    const text again = "Resource temporarily unavailable\n", root = "0 0", half = "0 1002", agent = "1001 1002";
-    // then the result, after how many forks, with which ids, and what is logged
-    const std::tuple<daemonize_options, step, int, int, text, records> cases[] = {
-        {list, holding("cap_setgid,cap_setuid=ep"), -20, 0, root, failed("Setting securebits failed", EPERM)},
-        {no_group, nullptr, -21, 0, root, failed("Didn't find group 'none' for setting process group id", -1, -8)},
-        {plain, holding("cap_setuid=ep"), -21, 0, root, failed("initgroups() failed", EPERM, -9)},
-        {keep, holding("cap_setuid=ep"), -21, 0, root,
-         failed("Unable to set group id to 1002 (name 'agent')", EPERM, -7)},
-        {no_user, nullptr, -21, 0, half, failed("Didn't find user 'none' for setting process user id", -1, -5)},
-        {no_text, nullptr, -21, 0, root, failed("Didn't find user '' for setting process user id", -1, -5)},
-        {plain, holding("cap_setgid=ep"), -21, 0, half,
-         failed("Unable to set user id to 1001 (name 'agent')", EPERM, -6)},
-        {list, denied(SYS_capget), -22, 0, agent, failed("cap_get_proc() failed")},
-        {empty, nullptr, -23, 0, agent, failed("cap_set_flag() with CAP_PERMITTED failed")},
-        {list, holding("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, agent, failed("cap_set_proc() failed", EPERM)},
-        {plain, no_process, -1, 0, agent, failed("Error, cannot fork, " + again, EAGAIN)},
-        {plain, denied(SYS_setsid), -2, 1, agent, failed("Error, setsid failed, Operation not permitted\n", EPERM)},
-        {plain, no_second_process, -3, 1, agent, failed("Error, cannot fork second time, " + again, EAGAIN)},
-        {plain, denied(SYS_chdir), -4, 2, agent, failed("Error, cannot change directory into /")},
+    const auto as = [](const char *user, const char *group, bool keep = false, const cap_value_t *list = nullptr,
+                       int count = 1) { return daemonize_options{user, group, 0, list, count, keep}; };
+    const auto plain = as("agent", "agent"), list = as("agent", "agent", false, chown_only);
+    const auto kept = as("agent", "agent", true), empty = as("agent", "agent", false, chown_only, 0);
+    const step no_process = [] { limit(RLIMIT_NPROC, 0); };
+    const step no_second_process = [&] { pthread_atfork(nullptr, nullptr, [] { limit(RLIMIT_NPROC, 0); }); };
+    const text again = "Resource temporarily unavailable\n", denied = "Operation not permitted\n";
+    const text root = "0 0", half = "0 1002", agent = "1001 1002";
+    // the result and that of the change of ids, how many forks were made, the ids, and what is logged with which error
+    const std::tuple<daemonize_options, step, int, int, int, text, text, int> cases[] = {
+        {list, hold("cap_setgid,cap_setuid=ep"), -20, 0, 0, root, "Setting securebits failed", EPERM},
+        {as("agent", "none"), {}, -21, -8, 0, root, "Didn't find group 'none' for setting process group id", -1},
+        {plain, hold("cap_setuid=ep"), -21, -9, 0, root, "initgroups() failed", EPERM},
+        {kept, hold("cap_setuid=ep"), -21, -7, 0, root, "Unable to set group id to 1002 (name 'agent')", EPERM},
+        {as("none", "agent"), {}, -21, -5, 0, half, "Didn't find user 'none' for setting process user id", -1},
+        {as("", nullptr), {}, -21, -5, 0, root, "Didn't find user '' for setting process user id", -1},
+        {plain, hold("cap_setgid=ep"), -21, -6, 0, half, "Unable to set user id to 1001 (name 'agent')", EPERM},
+        {list, deny(SYS_capget, EPERM), -22, 0, 0, agent, "cap_get_proc() failed", -1},
+        {empty, {}, -23, 0, 0, agent, "cap_set_flag() with CAP_PERMITTED failed", -1},
+        {list, hold("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, 0, agent, "cap_set_proc() failed", EPERM},
+        {plain, no_process, -1, 0, 0, agent, "Error, cannot fork, " + again, EAGAIN},
+        {plain, deny(SYS_setsid, EPERM), -2, 0, 1, agent, "Error, setsid failed, " + denied, EPERM},
+        {plain, no_second_process, -3, 0, 1, agent, "Error, cannot fork second time, " + again, EAGAIN},
+        {plain, deny(SYS_chdir, EPERM), -4, 0, 2, agent, "Error, cannot change directory into /", -1},
     };
-    for (const auto &[wanted, before, result, ended, ids, logged] : cases) {
+    for (const auto &[wanted, before, result, of_ids, ended, ids, message, err] : cases) {
         const pid_t pid = start(&wanted, before);
+        records logged{error(message, "daemon_tools.c", err)};
+        if (of_ids != 0)
+            logged.push_back(error("Failed to change uid and gid, error " + std::to_string(of_ids), "daemon_tools.c"));
         EXPECT_EQ(log(), logged);
         EXPECT_TRUE(shared->result == result && forks == ended) << result;
         EXPECT_EQ(status(pid, "Uid") + " " + status(pid, "Gid"), ids) << result;
