@@ -65,7 +65,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     std::ofstream{"/etc/config/network"} << "config interface lan\n option ifname 'eth0.1 eth1'\n"
                                             "config interface\nconfig interface lan2\n option ifname eth2\n";
     static uci_context *ctx;
-    return config_load_network(&ctx, &network, nullptr, nullptr);
+    require(config_load_network(&ctx, &network, nullptr, nullptr) == 0);
+    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)

@@ -60,7 +60,7 @@ uint32_t parse_gateway(const char *text)
     unsigned int number = 0;
     if (std::sscanf(text, "%x", &number) != 1)
         log_warning("parsing gateway failed: %s", text);
-    return be32toh(number);
+    return be32toh(number); // 192.168.1.1 is "0101A8C0" from a little-endian kernel, "C0A80101" from a big-endian one
 }
 
 /// Takes a line of the route table apart; true when it is a default route with a gateway, which is then stored.

@@ -137,7 +137,7 @@ int netutil_copy_first_ifname(char *dst, const char *list, size_t size)
         return -1;
     }
     const std::size_t length = std::min(std::strcspn(list, " "), size - 1);
-    std::memcpy(dst, list, length);
+    std::memmove(dst, list, length); // dst may be the list itself
     dst[length] = '\0';
     return 0;
 }
@@ -156,11 +156,12 @@ int netutil_ifname_to_portname(char *dst, size_t size, const char *ifname, struc
     if (!is_ethernet_port(ifname))
         return 0;
     const uci_section *section = find_section_by_ifname(network, ifname);
+    const char *name = section ? section->e.name : nullptr;
     // a name that had to be cut might be the name of another port
-    if (!section || std::strlen(section->e.name) >= portname_size) {
+    if (!name || std::strlen(name) >= portname_size) {
         log_warning("cannot convert ifname %s to portname", ifname);
         return 0;
     }
-    strlcpy(dst, std::strcmp(section->e.name, "lan") == 0 ? "lan1" : section->e.name, size);
+    strlcpy(dst, std::strcmp(name, "lan") == 0 ? "lan1" : name, size);
     return 1;
 }
