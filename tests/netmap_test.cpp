@@ -17,10 +17,10 @@ TEST_F(netmap, interfaces_with_a_mapping_make_the_table_and_tell_their_mapped_ad
 {
     // netmap, ipaddr, netmask, netmapaddr, and then the interface's address as others see it or why there is none
     const char *const interfaces[][5] = {
+        {"1", "0.2.3.4", "255.0.0.0", "10.0.0.0", "10.2.3.4"},           // network 0 would end the table
         {"0", "192.168.1.10", "255.255.255.0", "10.0.5.0", "10.0.5.10"}, // until the run-time state switches it on
         {"7x", "172.16.2.10", "255.255.0.0", "10.1.5.7", "10.1.2.10"},
         {"1", "172.16.3.10", "255.255.255.0", "10.2.3.0", "10.2.3.10"},
-        {"1", "0.2.3.4", "255.0.0.0", "10.0.0.0", "10.2.3.4"}, // network 0 would end the table
         {"yes", "no address, and long", "255.0.0.0", "10.0.0.0", "no address, and"},
         {"1", "1.2.3", "255.0.0.0", "10.0.0.0", "No ipaddr found for interface"},
         {"1", "1.2.3.4", "255.0", "10.0.0.0", "No netmask found for interface"},
@@ -41,7 +41,7 @@ TEST_F(netmap, interfaces_with_a_mapping_make_the_table_and_tell_their_mapped_ad
     EXPECT_TRUE(failure.size() == 4 && failure[0] == info("state_load_network", "netmap.c"));
     EXPECT_EQ(failure.back(), warning("Loading UCI state failed", "netmap.c"));
     write_file("/etc/config/network", package);
-    write_file("/var/state/network", "network.a.netmap=1\n");
+    write_file("/var/state/network", "network.b.netmap=1\n");
 
     uci_context *ctx = nullptr;
     uci_package *network = nullptr;
