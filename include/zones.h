@@ -3,8 +3,11 @@
  *
  * Every function gives 1 for yes or success and 0 for no or failure. The process holds one zone model. Each function
  * but zones_ip_netmask_to_range first looks whether the file's modification time has changed and then reads the file
- * again; when there is no model and the file cannot be loaded, the function gives 0 and writes none of its outputs.
- * A file that is missing logs a warning each time; one that is no JSON, or holds no "zones", is silent.
+ * again. When that fails, the function gives 0 and writes none of its outputs. A file that is missing (a warning), no
+ * JSON or without "zones" (both silent) leaves no model, so the next call tries again. Where "zones" is no object, or a
+ * zone has no "members", only the call that reads the file fails: later ones are answered from the model that it left.
+ *
+ * A zone has no identity but its place in the file: ids may repeat, as the keys "7" and "007" both give 7.
  *
  * Everything here is for one thread of the process.
  */
@@ -56,7 +59,8 @@ typedef struct zone_member {
  *
  * Returns 1 when the whole file was loaded. Otherwise 0: a file that is missing, no JSON, or without "zones" leaves
  * the model as it was; "zones" that is no object leaves an empty model; a zone without "members" is kept without
- * members and all others are loaded; when memory runs out there is no model, and the next query tries again.
+ * members and all others are loaded; when memory runs out, while parsing too, the old model is gone as well, and the
+ * next query tries again.
  */
 int zones_load(void);
 

@@ -209,17 +209,20 @@ std::size_t zone_model::find_slot(const zone_value &name, uint64_t hash) const
 
 std::span<const place> zone_model::places_of(const char *name) const
 {
-    if (!name || strnlen(name, common_name_length + 1) > common_name_length)
-        return {};
-    return places_of_cut(name);
+    const std::size_t length = name ? strnlen(name, common_name_length + 1) : 0;
+    return name && length <= common_name_length ? places_of(name, length) : std::span<const place>{};
 }
 
 std::span<const place> zone_model::places_of_cut(const char *name) const
 {
-    if (!name)
-        return {};
-    const zone_value cut = cut_name(name, common_name_length);
-    const name_slot &slot = slots_[find_slot(cut, hash_of(cut))];
+    return name ? places_of(name, strnlen(name, common_name_length)) : std::span<const place>{};
+}
+
+std::span<const place> zone_model::places_of(const char *name, std::size_t length) const
+{
+    zone_value value{};
+    std::memcpy(value.name, name, length);
+    const name_slot &slot = slots_[find_slot(value, hash_of(value))];
     return {places_.data() + slot.first_place, slot.places};
 }
 

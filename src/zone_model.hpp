@@ -143,6 +143,7 @@ private:
     void index_names();
     void add_address(const zone_member &member);
     uint32_t index_of(const zone_member &member) const;
+    std::span<const place> places_of(const char *name, std::size_t length) const;
     std::size_t find_slot(const zone_value &name, uint64_t hash) const;
 
     page_vector<zone> zones_; // the last one only ends the parts of the one before

@@ -208,6 +208,44 @@ void read_members(json_object *members, zone_records &records)
     }
 }
 
+/// Lets glibc give back the memory of a document that is parsed and released while this lives. Its heap shrinks as far
+/// as nothing at the end is in use, which it looks at when a block of 64 KB is freed: the chunk. The last freed blocks
+/// of each small size, which it sets aside, count as in use, so those that parsing frees would hold the whole heap.
+/// Blocks from before the document are set aside in their place.
+class document_room {
+public:
+    document_room() : chunk_{static_cast<char *>(std::malloc(chunk_size))} { take(before_); }
+    document_room(const document_room &) = delete;
+    document_room &operator=(const document_room &) = delete;
+
+    char *chunk() const { return chunk_.get(); }
+    void is_parsed()
+    {
+        take(after_);
+        before_ = {};
+    }
+
+    /// Joins blocks that were freed with their neighbours, which costs least while they are in the processor's caches:
+    /// glibc puts it off until a larger block is asked for.
+    void join() { larger_.reset(static_cast<char *>(std::malloc(larger_size))); }
+
+private:
+    static constexpr std::size_t sizes[] = {24, 40, 56, 72, 88, 104, 120, 136, 640}; // of json-c's keys, values, tables
+    static constexpr std::size_t set_aside = 7;                                      // of each size
+    static constexpr std::size_t larger_size = 2000;
+    using blocks = std::array<c_string, std::size(sizes) * set_aside>;
+
+    static void take(blocks &taken)
+    {
+        for (std::size_t i = 0; i < taken.size(); ++i)
+            taken[i].reset(static_cast<char *>(std::malloc(sizes[i / set_aside])));
+    }
+
+    c_string chunk_; // freed last
+    blocks before_, after_;
+    c_string larger_;
+};
+
 /// Says whether the zone is complete; one without members is not. One that is not to be loaded is.
 bool read_zone(const char *key, json_object *object, zone_records &records)
 {
@@ -246,7 +284,7 @@ void reserve(zone_records &records, json_object *zones)
 }
 
 /// Says whether all zones are complete.
-bool read_zones(json_object *zones, zone_records &records)
+bool read_zones(json_object *zones, zone_records &records, document_room &room)
 {
     if (!json_object_is_type(zones, json_type_object)) {
         log_error("Unexpected json type found, see RACK-457");
@@ -259,41 +297,10 @@ bool read_zones(json_object *zones, zone_records &records)
         if (value && !read_zone(key, value, records))
             complete = false;
         json_object_object_del(zones, key); // at once, while it is in the processor's caches
+        room.join();
     }
     return complete;
 }
-
-/// Lets glibc give back the memory of a document that is parsed and released while this lives. Its heap shrinks as far
-/// as nothing at the end is in use, which it looks at when a block of 64 KB is freed: the chunk. The last freed blocks
-/// of each small size, which it sets aside, count as in use, so those that parsing frees would hold the whole heap.
-/// Blocks from before the document are set aside in their place.
-class document_room {
-public:
-    document_room() : chunk_{static_cast<char *>(std::malloc(chunk_size))} { take(before_); }
-    document_room(const document_room &) = delete;
-    document_room &operator=(const document_room &) = delete;
-
-    char *chunk() const { return chunk_.get(); }
-    void is_parsed()
-    {
-        take(after_);
-        before_ = {};
-    }
-
-private:
-    static constexpr std::size_t sizes[] = {24, 40, 56, 72, 88, 104, 120, 136, 640}; // of json-c's keys, values, tables
-    static constexpr std::size_t set_aside = 7;                                      // of each size
-    using blocks = std::array<c_string, std::size(sizes) * set_aside>;
-
-    static void take(blocks &taken)
-    {
-        for (std::size_t i = 0; i < taken.size(); ++i)
-            taken[i].reset(static_cast<char *>(std::malloc(sizes[i / set_aside])));
-    }
-
-    c_string chunk_; // freed last
-    blocks before_, after_;
-};
 
 /// What json_object_from_file would make of the same bytes. It would also read all of them into one block, and once
 /// glibc has freed such a large block, it gives less memory back.
@@ -301,7 +308,7 @@ json_handle parse(int fd, char *chunk)
 {
     const tokener_handle tokener{json_tokener_new()};
     if (!tokener || !chunk)
-        return nullptr;
+        throw std::bad_alloc{};
     json_handle document;
     do {
         const ssize_t length = uninterrupted([&] { return read(fd, chunk, chunk_size); });
@@ -310,7 +317,7 @@ json_handle parse(int fd, char *chunk)
         errno = 0;
         document.reset(json_tokener_parse_ex(tokener.get(), chunk, static_cast<int>(length)));
         if (errno == ENOMEM) // before 0.17 json-c drops a key that it has no memory for and goes on
-            return nullptr;
+            throw std::bad_alloc{};
     } while (json_tokener_get_error(tokener.get()) == json_tokener_continue);
     return document;
 }
@@ -335,13 +342,29 @@ json_handle zones_of(json_object *document)
     return json_handle{json_object_get(value_of(value_of(document, "zone_configuration"), "zones"))};
 }
 
-int build_model(json_handle zones)
+int build_model(json_handle zones, document_room &room)
 {
     zone_records records;
-    const bool complete = read_zones(zones.get(), records);
+    const bool complete = read_zones(zones.get(), records, room);
     zones.reset();
     state.model.emplace(std::move(records));
     return complete ? 1 : 0;
+}
+
+int load()
+{
+    document_room room;
+    zone_file file = read_file(room.chunk());
+    room.is_parsed();
+    if (!file.document)
+        return 0;
+    json_handle zones = zones_of(file.document.get());
+    file.document.reset();
+    state.mtime = file.mtime;
+    if (!zones)
+        return 0;
+    zones_free();
+    return build_model(std::move(zones), room);
 }
 
 bool reload_if_changed()
@@ -417,49 +440,21 @@ constexpr struct {
 
 using member_list = std::unique_ptr<zone_member *, released_by<::free>>;
 
-/// At least one, so that an empty list is a list too.
-std::size_t size_of_list(uint64_t members)
+/// Calls use with each member to be listed, in order.
+template <typename Use> void for_each_listed(const char *common_name, int direction, Use &&use)
 {
-    return static_cast<std::size_t>(std::max<uint64_t>(members, 1)) * sizeof(zone_member *);
-}
-
-member_list new_list(uint64_t members)
-{
-    if (members > std::min<uint64_t>(UINT32_MAX, PTRDIFF_MAX / sizeof(zone_member *)))
-        return nullptr;
-    return member_list{static_cast<zone_member **>(std::malloc(size_of_list(members)))};
-}
-
-/// Gives back what the list has no members for.
-member_list cut_list(member_list list, uint32_t members)
-{
-    if (auto *cut = static_cast<zone_member **>(std::realloc(static_cast<void *>(list.get()), size_of_list(members)))) {
-        static_cast<void>(list.release());
-        list.reset(cut);
+    const auto [subject, listed] = list_directions[direction];
+    const int type = vpn_type_get_by_common_name(common_name);
+    for (const place &peer : state.model->places_of(common_name)) {
+        if (!peer.is_peer(subject))
+            continue;
+        const bool is_denying = denies(state.model->zones()[peer.zone()], type, type);
+        for (zone_member &member : state.model->members_of(peer.zone())) {
+            if (has(listed, member.direction) && !(is_denying && member.type == ZONE_MEMBER_SERIALIZATION &&
+                                                   vpn_type_get_by_common_name(member.start.name) == type))
+                use(member);
+        }
     }
-    return list;
-}
-
-/// How many members a list has when none is left out.
-uint64_t most_members(std::span<const place> places, directions subject)
-{
-    uint64_t members = 0;
-    for (const place &peer : places)
-        members += peer.is_peer(subject) ? state.model->members_of(peer.zone()).size() : 0;
-    return members;
-}
-
-/// Writes the members of a zone that are to be listed to list, which has room for all of them; gives the new end.
-zone_member **list_members(zone_member **list, uint32_t zone, directions listed, int type)
-{
-    const bool is_denying = denies(state.model->zones()[zone], type, type);
-    for (zone_member &member : state.model->members_of(zone)) {
-        const bool is_denied = is_denying && member.type == ZONE_MEMBER_SERIALIZATION &&
-                               vpn_type_get_by_common_name(member.start.name) == type;
-        *list = &member; // kept only if the end moves on
-        list += has(listed, member.direction) && !is_denied ? 1 : 0;
-    }
-    return list;
 }
 
 /// Runs the script for one zone. A zone whose script cannot be started is open.
@@ -486,18 +481,11 @@ int zones_load(void)
         log_warning("zones.json is missing");
         return 0;
     }
-    document_room room;
-    zone_file file = read_file(room.chunk());
-    room.is_parsed();
-    if (!file.document)
-        return 0;
-    json_handle zones = zones_of(file.document.get());
-    file.document.reset();
-    state.mtime = file.mtime;
-    if (!zones)
-        return 0;
-    zones_free();
-    return guarded(0, [&] { return build_model(std::move(zones)); });
+    constexpr int out_of_memory = -1;
+    const int result = guarded(out_of_memory, load);
+    if (result == out_of_memory)
+        zones_free();
+    return result == 1 ? 1 : 0;
 }
 
 void zones_free(void)
@@ -551,7 +539,8 @@ int zones_is_device_allowed_sched(const char *common_name, const char *other, ui
     if (safestrcmp(common_name, other) == 0)
         log_warning("common names were equal: %s", common_name ? common_name : "(null)");
     const auto is_denied = [=](const zone &holder) {
-        return denies(holder, vpn_type_get_by_common_name(common_name), vpn_type_get_by_common_name(other));
+        return (holder.deny_between_keys || holder.deny_between_locks) &&
+               denies(holder, vpn_type_get_by_common_name(common_name), vpn_type_get_by_common_name(other));
     };
     return is_allowed(common_name, sched, any_of(state.model->places_of_cut(other), &place::is_peer), is_denied);
 }
@@ -593,19 +582,18 @@ int zones_get_allowed_members(zone_member ***members, uint32_t *count, const cha
     if (!reload_if_changed())
         return 0;
 
-    const auto [subject, listed] = list_directions[direction];
-    const auto places = state.model->places_of(common_name);
-    member_list list{new_list(most_members(places, subject))};
+    uint64_t listed = 0;
+    for_each_listed(common_name, direction, [&](zone_member &) { ++listed; });
+    if (listed > std::min<uint64_t>(UINT32_MAX, PTRDIFF_MAX / sizeof(zone_member *)))
+        return 0;
+    // at least one, so that an empty list is a list too
+    const std::size_t size = static_cast<std::size_t>(std::max<uint64_t>(listed, 1)) * sizeof(zone_member *);
+    auto **list = static_cast<zone_member **>(std::malloc(size));
     if (!list)
         return 0;
-    zone_member **end = list.get();
-    const int type = vpn_type_get_by_common_name(common_name);
-    for (const place &peer : places) {
-        if (peer.is_peer(subject))
-            end = list_members(end, peer.zone(), listed, type);
-    }
-    *count = static_cast<uint32_t>(end - list.get());
-    *members = cut_list(std::move(list), *count).release();
+    *members = list;
+    *count = static_cast<uint32_t>(listed);
+    for_each_listed(common_name, direction, [&](zone_member &member) { *list++ = &member; });
     return 1;
 }
 
