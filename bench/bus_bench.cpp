@@ -1,6 +1,8 @@
 // What a message costs on the bus: CPU time of all processes together, on one CPU, as a ratio to the floor: plain epoll
-// sockets that send the same bytes and do the same work with json-c. Both sides are measured in turns in one run. An
-// argument chooses the subjects whose title contains it.
+// sockets that send the same bytes and do the same work with json-c. The floor keeps its tokener from one message to
+// the next, as the bus does; it trusts its peer, looks no handler up and never has to wait for a full socket. Both
+// sides are measured in turns in one run, the quickest of each counts. An argument chooses the subjects whose title
+// contains it.
 #include "device.hpp"
 #include "ipc.h"
 
@@ -45,11 +47,11 @@ struct subject {
 };
 constexpr std::array subjects{
     subject{"round trip, 100 bytes", true, 1, 1, 60, 10'000, 1.5},
-    subject{"round trip, 10 kB", true, 1, 1, 10'000, 1'000, 1.1},
-    subject{"one way, 100 bytes, 1 connection", true, 1, 50, 60, 800, 1.2},
+    subject{"round trip, 10 kB", true, 1, 1, 10'000, 4'000, 1.1},
+    subject{"one way, 100 bytes, 1 connection", true, 1, 50, 60, 4'000, 1.2},
     subject{"one way, 100 bytes, 50 connections", true, 50, 50, 60, 800, 1.5},
     subject{"publish 100 bytes to 50 subscribers", false, 50, 50, 60, 800, 1.5},
-    subject{"publish 10 kB to 50 subscribers", false, 50, 50, 10'000, 40, 1.5},
+    subject{"publish 10 kB to 50 subscribers", false, 50, 50, 10'000, 200, 1.5},
 };
 
 subject now;      // what is being measured
@@ -240,6 +242,7 @@ void raw_handle(int fd, const char *quoted_type)
 void raw_read(int fd)
 {
     std::string &input = peers[static_cast<std::size_t>(fd)].input;
+    static json_tokener *const tokener = json_tokener_new();
     static char buffer[1 << 16];
     const ssize_t size = read(fd, buffer, sizeof buffer);
     if (size <= 0) {
@@ -253,7 +256,8 @@ void raw_read(int fd)
         const std::size_t frame_bytes = sizeof header + be32toh(header);
         if (input.size() - begin < frame_bytes)
             break;
-        json_object *message = json_tokener_parse(&input[begin + sizeof header]);
+        json_object *message =
+            json_tokener_parse_ex(tokener, &input[begin + sizeof header], static_cast<int>(be32toh(header) - 1));
         begin += frame_bytes;
         json_object *type = nullptr;
         json_object *payload = nullptr;
@@ -333,6 +337,8 @@ pid_t start(bool is_server, void (*run)(int), int ready)
 {
     const pid_t pid = fork();
     if (pid == 0) {
+        if (!std::freopen("/dev/null", "w", stderr)) // where the bus tells that the other process has ended
+            std::abort();
         self = {is_server, 0, now.rounds, {}};
         run(ready);
         _exit(0);

@@ -3,7 +3,7 @@
  *
  *     access_client [-n NAME] ip|port|mac|peer COMMON_NAME TARGET       prints yes, no, or "yes, but not now"
  *     access_client [-n NAME] members COMMON_NAME in|out|both           prints a member per line
- *     access_client [-n NAME] listen COUNT                              prints COUNT notices
+ *     access_client [-n NAME] listen COUNT                              prints "subscribed", then COUNT notices
  *
  * Exit status: 0 for yes, a list and all notices; 1 for no and "not now"; 2 when there is no answer.
  */
@@ -81,11 +81,16 @@ static void handle_error(int fd, const char *type, struct json_object *error)
     finish(STATUS_FAILED);
 }
 
-static void handle_notice(int fd, const char *type, struct json_object *data)
+static void handle_subscribed(int fd, const char *type, struct json_object *data)
 {
     (void)fd, (void)data;
     puts(type);
     fflush(stdout);
+}
+
+static void handle_notice(int fd, const char *type, struct json_object *data)
+{
+    handle_subscribed(fd, type, data);
     if (--client.notices_left == 0)
         finish(STATUS_YES);
 }
@@ -146,6 +151,7 @@ static void converse(const char *name, struct json_object *message)
     }
     ipc_register_callback("access.reply", handle_reply);
     ipc_register_callback("access.error", handle_error);
+    ipc_register_callback("subscribed", handle_subscribed);
     ipc_register_callback("zones.changed", handle_notice);
     if (client.notices_left == 0)
         event_base_loopexit(client.base, &patience);

@@ -10,10 +10,12 @@
  *     "schedule"          whether a zone that says yes is open now; not for access.members
  *
  * so a peer gets through only where "answer" and "schedule" are both true. What cannot be answered gets access.error,
- * which carries "type", "question" and a "text" that says why.
+ * which carries "type", "question" and a "text" that says why; without "question" where it is too long for a message.
+ * The "type" is the text that a handler gets: a/b comes back as a\/b.
  *
- * "subscribe" and "unsubscribe" take the name of a type as data. There is one to subscribe to: zones.changed, sent when
- * the zone file has changed and the new one is in force.
+ * "subscribe" and "unsubscribe" take the name of a type as data and answer with a message of the type subscribed or
+ * unsubscribed and the same data. There is one to subscribe to: zones.changed, sent when the zone file has changed, and
+ * when it can no longer be read or can be again.
  */
 #include <signal.h>
 #include <stdbool.h>
@@ -74,31 +76,33 @@ static struct json_object *new_message(const char *type, struct json_object *dat
     return NULL;
 }
 
-/* Sends what a question came to, and takes its value. */
+static struct answer no_answer(const char *why)
+{
+    return (struct answer){.error = why, .schedule = -1};
+}
+
+/* Sends what a question came to, and takes its value. Type and question may be NULL. */
 static void send_answer(int fd, const char *type, struct json_object *question, struct answer answer)
 {
     struct json_object *data = json_object_new_object();
     bool complete =
         answer.error ? add(data, "text", json_object_new_string(answer.error)) : add(data, "answer", answer.value);
-    complete = add(data, "type", json_object_new_string(type)) && complete;
+    if (type)
+        complete = add(data, "type", json_object_new_string(type)) && complete;
     if (question)
         complete = add(data, "question", json_object_get(question)) && complete;
     if (answer.schedule >= 0)
         complete = add(data, "schedule", json_object_new_boolean(answer.schedule)) && complete;
     if (!complete) {
-        LOG_ERROR("No memory for the answer to %s", type);
+        LOG_ERROR("No memory for the answer to %s", type ? type : "a question");
         json_object_put(data);
         return;
     }
     struct json_object *message = new_message(answer.error ? "access.error" : "access.reply", data);
-    if (message)
-        ipc_write(fd, message); /* logs why it failed; the end of a connection is noticed elsewhere */
+    const bool failed = message && ipc_write(fd, message) != 0; /* logs why it failed */
     json_object_put(message);
-}
-
-static struct answer no_answer(const char *why)
-{
-    return (struct answer){.error = why, .schedule = -1};
+    if (failed && (question || type)) /* what is repeated may be too long, and the asker waits */
+        send_answer(fd, question ? type : NULL, NULL, no_answer("the question is too long"));
 }
 
 static struct answer yes_or_no(int allowed, uint8_t schedule)
@@ -234,9 +238,66 @@ static struct answer ask_members(const char *peer, struct json_object *question)
     return (struct answer){.value = list, .schedule = -1};
 }
 
+/* What the last look at the zone file has found: its time, and whether the schedules were asked for what is in it. */
+static struct {
+    time_t modified;
+    bool in_force;
+} zones = {.modified = -2}; /* no file's time, nor that of a missing one */
+
+/* Whether there is a model, after an attempt to load it. Without one a query leaves the schedule alone. */
+static bool model_is_loaded(void)
+{
+    uint8_t schedule = 2;
+    zones_is_port_allowed_sched("", "", &schedule);
+    return schedule != 2;
+}
+
+static bool zones_are_current(void)
+{
+    return zones.in_force && file_get_mtime(zone_file) == zones.modified;
+}
+
+/* Brings the schedules up to date. A model that is loaded anew has every schedule open until the script was asked, so
+ * that must not happen unseen: neither when loading failed before and now succeeds, nor when the file changes while the
+ * script runs, nor with a file of the time 0 (written before the clock was set), which every query loads anew. */
+static void look_at_zones(void)
+{
+    const time_t modified = file_get_mtime(zone_file);
+    const bool loaded = model_is_loaded();
+    if (loaded)
+        zones_update_schedule_access(); /* its result is an answer, not a failure */
+    const bool in_force = loaded && modified > 0 && file_get_mtime(zone_file) == modified;
+    const bool changed = modified != zones.modified || in_force != zones.in_force;
+    zones.modified = modified;
+    zones.in_force = in_force;
+    struct json_object *message = changed ? new_message(zones_changed, json_object_new_object()) : NULL;
+    if (message)
+        ipc_server_write_to_subscribers(zones_changed, message);
+    json_object_put(message);
+}
+
+typedef struct answer (*ask_function)(const char *peer, struct json_object *question);
+
+/* The answer from zones that were in force throughout. The second attempt is for a file that changes meanwhile, and for
+ * one with a zone that lacks "members", where only the first query fails. */
+static struct answer ask_current_zones(ask_function ask, const char *peer, struct json_object *question)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!zones_are_current())
+            look_at_zones();
+        if (!zones.in_force)
+            continue;
+        const struct answer answer = ask(peer, question);
+        if (zones_are_current())
+            return answer;
+        json_object_put(answer.value);
+    }
+    return no_answer("the zones cannot be read");
+}
+
 static const struct {
     const char *type;
-    struct answer (*ask)(const char *peer, struct json_object *question);
+    ask_function ask;
 } questions[] = {{"access.ip", ask_ip},
                  {"access.port", ask_port},
                  {"access.mac", ask_mac},
@@ -244,44 +305,34 @@ static const struct {
                  {"access.members", ask_members}};
 static const size_t question_count = sizeof questions / sizeof questions[0];
 
-/* Brings the schedules up to date, and tells the subscribers where the zone file has changed. */
-static void look_at_zones(bool only_if_changed)
-{
-    static time_t seen = -2; /* no file's time, nor that of a missing one */
-    const time_t modified = file_get_mtime(zone_file);
-    const bool changed = modified != seen;
-    if (!changed && only_if_changed)
-        return;
-    seen = modified;
-    zones_update_schedule_access(); /* its result is an answer, not a failure */
-    if (!changed)
-        return;
-    struct json_object *message = new_message(zones_changed, json_object_new_object());
-    if (message)
-        ipc_server_write_to_subscribers(zones_changed, message);
-    json_object_put(message);
-}
-
 static void handle_question(int fd, const char *type, struct json_object *question)
 {
     const char *peer = text_member(question, "common_name");
     struct answer answer = no_answer("\"common_name\" is no text");
-    look_at_zones(true); /* a model that is loaded anew has every schedule open until the script was asked */
     for (size_t i = 0; peer && i < question_count; ++i) {
         if (strcmp(questions[i].type, type) == 0)
-            answer = questions[i].ask(peer, question);
+            answer = ask_current_zones(questions[i].ask, peer, question);
     }
     send_answer(fd, type, question, answer);
 }
 
 static void handle_subscription(int fd, const char *type, struct json_object *data)
 {
-    if (safestrcmp(text_of(data), zones_changed) != 0)
+    const bool subscribes = strcmp(type, "subscribe") == 0;
+    if (safestrcmp(text_of(data), zones_changed) != 0) {
         send_answer(fd, type, data, no_answer("there is only zones.changed to subscribe to"));
-    else if (strcmp(type, "unsubscribe") == 0)
+        return;
+    }
+    if (!subscribes) {
         ipc_server_remove_subscriber_typed(zones_changed, fd);
-    else if (ipc_server_add_subscriber(zones_changed, fd) != 0)
+    } else if (ipc_server_add_subscriber(zones_changed, fd) != 0) {
         send_answer(fd, type, data, no_answer("there are too many subscribers"));
+        return;
+    }
+    struct json_object *message = new_message(subscribes ? "subscribed" : "unsubscribed", json_object_get(data));
+    if (message)
+        ipc_write(fd, message);
+    json_object_put(message);
 }
 
 /* Everything else, and the end of a connection. Its descriptor's next owner must not inherit the subscriptions. */
@@ -296,7 +347,7 @@ static void handle_other(int fd, const char *type, struct json_object *data)
 static void on_timer(evutil_socket_t fd, short events, void *argument)
 {
     (void)fd, (void)events, (void)argument;
-    look_at_zones(false);
+    look_at_zones();
 }
 
 static void on_signal(evutil_socket_t number, short events, void *base)
@@ -322,7 +373,7 @@ static bool run_server(struct event_base *base, const struct options *options)
     bool ended_well = timer && terminate && interrupt && event_add(timer, &interval) == 0 &&
                       event_add(terminate, NULL) == 0 && event_add(interrupt, NULL) == 0;
     if (ended_well) {
-        look_at_zones(false);
+        look_at_zones();
         ended_well = event_base_dispatch(base) == 0;
     }
     if (!ended_well)

@@ -52,8 +52,9 @@ typedef void (*ipc_callback)(int fd, const char *type, struct json_object *data)
  * NULL name or base). The socket gets the group "vdipc" and mode 0770 where that group exists; a failure to do so is
  * logged, and the server is there all the same.
  *
- * A server that was open before is closed once the new one listens, as by ipc_close; if the new one fails, the old one
- * stays, but without its socket file when both have the same name.
+ * A server that was open before is closed once the new one listens, as by ipc_close; a socket file of the same name
+ * stays, since it is the new one's. If the new one fails, the old one stays, but without its socket file when both have
+ * the same name.
  */
 int ipc_server_new(const char *name, struct event_base *base, ipc_callback default_callback);
 
@@ -61,6 +62,7 @@ int ipc_server_new(const char *name, struct event_base *base, ipc_callback defau
  * Connects to the server of another daemon, waiting until that has happened or failed.
  *
  * name              the other daemon's name, up to 80 characters (the path is cut after 106).
+ * base              must outlive the connection.
  * default_callback  of this connection; NULL drops what no registered callback takes.
  *
  * Returns the connection's descriptor, or -1 with nothing left open (logged as "connect", with errno; EINVAL for a NULL

@@ -153,7 +153,7 @@ json_handle parse_body(const char *body, std::size_t size)
     const bool parsed = json_tokener_get_error(tokener) == json_tokener_success;
     if (size > kept_tokener_bytes) // it would keep room for the longest text that it has seen
         bus.tokener.reset();
-    else
+    else if (!parsed) // after success it is ready for the next one
         json_tokener_reset(tokener);
     return parsed ? std::move(message) : nullptr;
 }
@@ -164,26 +164,16 @@ void dispatch(int fd, json_object *message, ipc_callback default_callback)
     json_object_object_get_ex(message, "type", &type);
     if (!json_object_is_type(type, json_type_string))
         return;
-    const char *quoted = json_object_to_json_string(type);
-    const c_string text{quoted ? strndup(quoted + 1, std::strlen(quoted) - 2) : nullptr};
-    if (!text)
+    std::size_t length = 0;
+    const char *quoted = json_object_to_json_string_length(type, JSON_C_TO_STRING_SPACED, &length);
+    if (!quoted)
         return;
+    const_cast<char *>(quoted)[length - 1] = '\0'; // in the type's own buffer, which nobody else sees
+    const char *text = quoted + 1;
     json_object *data = nullptr;
     json_object_object_get_ex(message, "data", &data);
-    if (const ipc_callback handler = handler_of(text.get(), default_callback))
-        handler(fd, text.get(), data);
-}
-
-/// Takes the frame at the start of the input out of it and gives its message; null when it is malformed.
-json_handle take_message(evbuffer *input, std::size_t body_bytes)
-{
-    const std::size_t frame_bytes = header_bytes + body_bytes;
-    const unsigned char *frame = evbuffer_pullup(input, static_cast<ev_ssize_t>(frame_bytes)); // no copy if contiguous
-    json_handle message;
-    if (frame && body_bytes > 0)
-        message = parse_body(reinterpret_cast<const char *>(frame) + header_bytes, body_bytes);
-    evbuffer_drain(input, frame_bytes);
-    return message;
+    if (const ipc_callback handler = handler_of({text, length - 2}, default_callback))
+        handler(fd, text, data);
 }
 
 void handle_event(bufferevent *bev, short events, void *argument)
@@ -226,7 +216,44 @@ bool read_ahead(bufferevent *bev, std::size_t missing_bytes)
     return !is_failure(size);
 }
 
-/// libevent calls it when at least a header waits. Any handler may drop the connection, and its input with it.
+std::uint32_t body_size(const char *frame)
+{
+    std::uint32_t header;
+    std::memcpy(&header, frame, header_bytes);
+    return be32toh(header);
+}
+
+bool holds_frame(std::string_view bytes)
+{
+    return bytes.size() >= header_bytes && bytes.size() - header_bytes >= body_size(bytes.data());
+}
+
+/// Handles the whole frame at the start of the input, and those that lie behind it in one piece; they leave the input
+/// together, as that costs no more than for one. Any handler may drop the connection, and its input with it.
+void handle_frames(int fd, std::uint64_t serial, evbuffer *input, std::size_t first_frame_bytes,
+                   ipc_callback default_callback)
+{
+    const auto *start =
+        reinterpret_cast<const char *>(evbuffer_pullup(input, static_cast<ev_ssize_t>(first_frame_bytes)));
+    if (!start) { // no memory to put its pieces together
+        evbuffer_drain(input, first_frame_bytes);
+        return;
+    }
+    std::string_view left{start, evbuffer_get_contiguous_space(input)};
+    while (holds_frame(left)) {
+        const std::size_t body_bytes = body_size(left.data());
+        if (body_bytes > 0) {
+            if (const json_handle message = parse_body(left.data() + header_bytes, body_bytes))
+                dispatch(fd, message.get(), default_callback);
+            if (!is_open(fd, serial))
+                return;
+        }
+        left.remove_prefix(header_bytes + body_bytes);
+    }
+    evbuffer_drain(input, static_cast<std::size_t>(left.data() - start));
+}
+
+/// libevent calls it when at least a header waits.
 void read_frames(bufferevent *bev, void *argument)
 {
     const auto default_callback = reinterpret_cast<ipc_callback>(argument);
@@ -253,8 +280,7 @@ void read_frames(bufferevent *bev, void *argument)
         }
         if (evbuffer_get_length(input) < frame_bytes)
             return;
-        if (const json_handle message = take_message(input, body_bytes))
-            dispatch(fd, message.get(), default_callback);
+        handle_frames(fd, serial, input, frame_bytes, default_callback);
     }
 }
 
@@ -267,12 +293,10 @@ void flush_output(evutil_socket_t, short, void *argument)
     evbuffer_unfreeze(output, 1); // a bufferevent opens the front of its output for its own writes only
     const int size = evbuffer_write(output, bufferevent_getfd(bev));
     evbuffer_freeze(output, 1);
-    if (is_failure(size)) {
+    if (is_failure(size) || (evbuffer_get_length(output) > 0 && bufferevent_enable(bev, EV_WRITE) != 0)) {
         void *default_callback = nullptr;
         bufferevent_getcb(bev, nullptr, nullptr, nullptr, &default_callback);
         handle_event(bev, BEV_EVENT_WRITING | BEV_EVENT_ERROR, default_callback);
-    } else if (evbuffer_get_length(output) > 0) {
-        bufferevent_enable(bev, EV_WRITE);
     }
 }
 
@@ -358,14 +382,26 @@ const sockaddr *generic(const sockaddr_un &address)
     return reinterpret_cast<const sockaddr *>(&address);
 }
 
-/// Neither call follows a symbolic link that somebody may have put in the socket's place.
+/// Both changes are made through the descriptor of the socket file itself, so that a symbolic link that somebody put in
+/// its place is not followed. Linux has no fchmod for such a descriptor; its name in /proc does the same.
+bool change_group(const char *path, gid_t gid)
+{
+    const unique_fd file{open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0)
+        return false;
+    if (!S_ISSOCK(status.st_mode)) {
+        errno = ENOTSOCK;
+        return false;
+    }
+    return fchownat(file.get(), "", static_cast<uid_t>(-1), gid, AT_EMPTY_PATH) == 0 &&
+           chmod(("/proc/self/fd/" + std::to_string(file.get())).c_str(), socket_mode) == 0;
+}
+
 void give_to_group(const char *path)
 {
     const group *entry = getgrnam(socket_group);
-    if (!entry)
-        return;
-    if (lchown(path, static_cast<uid_t>(-1), entry->gr_gid) != 0 ||
-        fchmodat(AT_FDCWD, path, socket_mode, AT_SYMLINK_NOFOLLOW) != 0)
+    if (entry && !guarded(false, [&] { return change_group(path, entry->gr_gid); }))
         log_error_errno("Failed to set ipc socket group or permissions");
 }
 
