@@ -87,9 +87,8 @@ TEST_F(util, files_are_looked_at_and_read)
                 file_read("/tmp/none", buffer, 8, 2) == 0);
     EXPECT_EQ(log(), records{warning("Couldn't open file /tmp/none", "util.c")});
     const int descriptors = open_descriptors();
-    for (const char *path :
-         {"/tmp", "/proc", "/sys/class/net/lo/mtu", "/tmp/file", "/tmp/none"}) // mtu: shorter than told
-        EXPECT_TRUE(file_read_all(&block, path) == -1 && !block) << path;
+    for (const char *path : {"/tmp", "/proc", "/sys/class/net/lo/mtu", "/tmp/file", "/tmp/none"})
+        EXPECT_TRUE(file_read_all(&block, path) == -1 && !block) << path; // mtu is shorter than it says
     const allocation_refusal refuse{1};
     EXPECT_TRUE(file_read_all(&block, "/etc/passwd") == -1 && file_read("/tmp", buffer, 8, 0) == 0 && log().empty());
     EXPECT_EQ(open_descriptors(), descriptors);
@@ -110,15 +109,10 @@ TEST_F(util, directories_are_made_with_those_above)
 
 TEST_F(util, command_gives_its_output_and_its_end)
 {
-    const std::tuple<const char *, size_t, int, const char *> cases[] = {{"yes", 3, 3, "y\n"},
-                                                                         {"printf ab; exec >&-", 8, 0, "ab"},
-                                                                         {"echo hi", 4, 0, "hi\n"},
-                                                                         {"echo hi", 3, 2, "hi"},
-                                                                         {"printf ab; kill -9 $$", 8, 1, "ab"},
-                                                                         {"exit 3", 8, 1, ""},
-                                                                         {"echo hi", 1, 2, ""},
-                                                                         {nullptr, 4, 4, ""},
-                                                                         {"", 4, 0, ""}};
+    const std::tuple<const char *, size_t, int, const char *> cases[] = {
+        {"while :; do echo hi; done", 4, 3, "hi\n"}, {"echo hi", 3, 2, "hi"}, {"echo hi", 4, 0, "hi\n"},
+        {"printf ab; exec >&-; exit 0", 8, 0, "ab"}, {"echo hi", 1, 2, ""},   {"exit 3", 8, 1, ""},
+        {"printf ab; kill -KILL $$", 8, 1, "ab"},    {nullptr, 4, 4, ""},     {"", 4, 0, ""}};
     const int descriptors = open_descriptors();
     std::string buffer(3000001, 'x');
     EXPECT_EQ(vd_run_command_simple("yes | head -c 3000000", buffer.data(), buffer.size()), 0);
