@@ -2,7 +2,7 @@
  * Configuration: values of the UCI packages under /etc/config, read and written through libuci.
  *
  * Lookups by path give a new string, which the caller free()s, or NULL. Loaders give 0 or -1. The setters that take a
- * value give 0 written, 1 failed, 2 nothing to do. Failures are logged, each once, unless an entry says silent.
+ * value give 0 written, 1 failed, 2 nothing to do. Failures are logged unless an entry says silent.
  *
  * A plain context sees a package's file and the saved, uncommitted changes in /tmp/.uci. Setting, adding and deleting
  * change only the package in memory; uci_save writes the change file in /tmp/.uci, uci_commit the file in /etc/config.
@@ -30,7 +30,8 @@ struct uci_section;
  * Looks up one option and returns its text.
  *
  * format  printf format of "package.section.option"; the section may be "@type[index]", as in
- *         "network.@interface[0].proto". The path is cut after 1022 characters.
+ *         "network.@interface[0].proto". The path is cut after 1022 characters. An argument from outside with '.', '=',
+ *         '@' or '/' in it changes what is looked up.
  *
  * Returns a new string: the option's text, or a list option's items joined by single spaces (empty items in front add
  * nothing). NULL when no option has that path, which is silent for whatever reason (a broken package, a malformed
@@ -99,7 +100,8 @@ void ucierr(struct uci_context *ctx, const char *format, ...) __attribute__((for
  * Adds a section to a package in memory.
  *
  * type  the section's type. An empty one with a name is libuci's way to delete that section; the result is NULL.
- * name  the name of a section that is made, or is given this type if it is there; NULL adds an anonymous one.
+ * name  the name of a section that is made, or is given this type if it is there; NULL adds an anonymous one. It
+ *       must match [A-Za-z0-9_]+ and never come from outside: others can write to other options and sections.
  *
  * Returns the section, borrowed like the package. NULL on failure, an empty name or anything else NULL included; silent
  * for an anonymous section.
@@ -111,6 +113,7 @@ struct uci_section *config_add_section(struct uci_context *ctx, struct uci_packa
  * Sets a string option of a section; a list of that name is replaced.
  *
  * package  the section's package; looked at only to commit.
+ * option   must match [A-Za-z0-9_]+ and never come from outside: others can write to other options and sections.
  * value    the text; libuci deletes the option for an empty one.
  * commit   false: changes the package in memory, and gives 2 when the value is there already. true: sets, saves and
  *          commits even an unchanged value; after a 0 or a failure, package and section are stale and only the context
@@ -144,6 +147,7 @@ int uci_delete_option(struct uci_section *section, const char *option, bool repo
  * Sets or deletes one option in one go: loads the package, changes the option, saves and commits.
  *
  * section  NULL is "settings". The section must exist.
+ * option   must match [A-Za-z0-9_]+ and never come from outside: others can write to other options and sections.
  * value    the text, as in config_set_string; NULL deletes the option.
  *
  * Returns 0 written; 1 failed, a NULL package or option included, and silent when a deletion can't be saved or

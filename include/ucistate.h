@@ -23,6 +23,7 @@ struct uci_section;
  * Sets an option of a section in memory; uci_save of its package then writes it to /var/state.
  *
  * section  a section of a package that state_load_vandrel or state_load_network gave.
+ * option   must match [A-Za-z0-9_]+ and never come from outside: others can write to other options and sections.
  * format   printf format of the value, which is cut after 1023 characters; libuci deletes the option for an empty one.
  *
  * Returns 0, or libuci's error code; UCI_ERR_INVAL for anything NULL. Silent.

@@ -46,15 +46,24 @@ TEST_F(uciconfig, lookup_gives_text_or_joined_items_is_silent_about_the_rest_and
                "config a settings\n option t 'a%s \"\\\n\t;#\x01\xff'\n option " + name + " cut\n list e ''\n" +
                    " list f ''\n list f x\n list g a\n list g ''\n list g b\nconfig b\n option o b\nconfig b");
     write_file("/etc/config/broken", "config a settings\n option t 1\nnonsense\n");
-    std::string found;
-    for (const std::string path : {"settings.t", "settings.e", "settings.f", "settings.g", "@b[0].o", "@b[-2].o"})
-        found += "<" + taken(config_lookup("%s.%s", "vandrel", path.c_str())) + ">";
-    EXPECT_EQ(found, "<a%s \"\\\n\t;#\x01\xff><><x><a  b><b><b>");
-    EXPECT_EQ(taken(config_lookup("vandrel.settings.%snn", name.c_str())), "cut");
-    for (const char *path :
-         {"vandrel.@b[1].o", "vandrel.settings.x", "vandrel.x.t", "x.settings.t", "vandrel.settings", "vandrel", "",
-          "vandrel.settings.t.t", "vandrel.@b[x].o", "vandrel..t", "broken.settings.t"})
-        EXPECT_EQ(taken(config_lookup("%s", path)), "(null)") << path;
+    const std::pair<std::string, std::string> paths[] = {{"vandrel.settings.t", "a%s \"\\\n\t;#\x01\xff"},
+                                                         {"vandrel.settings.e", ""},
+                                                         {"vandrel.settings.f", "x"},
+                                                         {"vandrel.settings.g", "a  b"},
+                                                         {"vandrel.@b[0].o", "b"},
+                                                         {"vandrel.@b[-2].o", "b"},
+                                                         {"vandrel.settings." + name + "nn", "cut"},
+                                                         {"vandrel.@b[1].o", "(null)"},
+                                                         {"vandrel.settings.x", "(null)"},
+                                                         {"vandrel.x.t", "(null)"},
+                                                         {"x.settings.t", "(null)"},
+                                                         {"vandrel.settings", "(null)"},
+                                                         {"", "(null)"},
+                                                         {"vandrel.settings.t.t", "(null)"},
+                                                         {"vandrel.@b[x].o", "(null)"},
+                                                         {"broken.settings.t", "(null)"}};
+    for (const auto &[path, want] : paths)
+        EXPECT_EQ(taken(config_lookup("%s", path.c_str())), want) << path;
     EXPECT_EQ(taken(config_get_section_setting(nullptr, "settings", "f")) + taken(config_get_setting(nullptr)) +
                   taken(config_lookup(none, 1)) + taken(config_get_section_setting("vandrel", "@b[0]", "o")),
               "(null)(null)(null)b");
@@ -65,41 +74,53 @@ TEST_F(uciconfig, lookup_gives_text_or_joined_items_is_silent_about_the_rest_and
         free(i % 5 == 0 ? state_lookup("vandrel.settings.t") : config_lookup("vandrel.settings.%c", "egtx"[i % 4]));
     EXPECT_EQ(__sanitizer_get_current_allocated_bytes(), bytes);
     EXPECT_EQ(open_descriptors(), descriptors);
-    for (const char *option : {"t", "g"}) {
-        const allocation_refusal refuse{1};
+    const char no_room[] = "config_lookup: Allocating memory failed: Cannot allocate memory";
+    const char *const refusals[][3] = {{"t", "libvandrel.so", no_room},
+                                       {"g", "libvandrel.so", no_room},
+                                       {"t", "libuci.so", "Failed to allocate UCI context"}};
+    for (const auto &[option, library, message] : refusals) {
+        const allocation_refusal refuse{1, library};
         EXPECT_EQ(taken(config_get_setting(option)), "(null)");
-        EXPECT_EQ(log(), failures({"config_lookup: Allocating memory failed: Cannot allocate memory"}));
+        EXPECT_EQ(log(), failures({message}));
     }
 }
 
 TEST_F(uciconfig, typed_options)
 {
-    write_file(settings,
-               "config a settings\n option a 12abc\n option b true\n option c -5\n option d 1\n option e ' 1'\n"
-               " option f 10.0.0.1\n list g 1\n");
-    ASSERT_EQ(config_load(&ctx, &package, &section), 0);
-    std::vector<int> numbers, truths, ones;
-    std::vector<uint32_t> ips;
-    for (const char *option : {"a", "b", "c", "d", "e", "f", "g", "absent", none}) {
-        numbers.push_back(uci_lookup_option_int(ctx, section, option));
-        truths.push_back(uci_lookup_option_bool(ctx, section, option));
-        ips.push_back(uci_lookup_option_ip(ctx, section, option));
-        ones.push_back(config_get_setting_bool(option));
-    }
     const auto bad = 0xFFFFFFFF;
-    EXPECT_EQ(numbers, (std::vector{12, 0, -5, 1, 1, 10, -1, -1, -1}));
-    EXPECT_EQ(truths, (std::vector{1, 0, 0, 1, 1, 1, 0, 0, 0}));
-    EXPECT_EQ(ips, (std::vector<uint32_t>{bad, bad, bad, 1, bad, 0x0A000001, 0, 0, 0}));
-    EXPECT_EQ(ones, (std::vector{0, 0, 0, 1, 0, 0, 1, 0, 0}));
-    EXPECT_EQ(uci_lookup_option_int(nullptr, section, "d") + uci_lookup_option_int(ctx, nullptr, "d"), -2);
+    // the option, then what it is as a number, a truth and an address, and whether it is the text "1"
+    const std::tuple<std::string, int, int, uint32_t, int> cases[] = {
+        {"option o 12abc", 12, 1, bad, 0}, {"option o true", 0, 0, bad, 0},
+        {"option o -5", -5, 0, bad, 0},    {"option o 1", 1, 1, 1, 1},
+        {"option o ' 1'", 1, 1, bad, 0},   {"option o 10.0.0.1", 10, 1, 0x0A000001, 0},
+        {"list o 1", -1, 0, 0, 1},         {"", -1, 0, 0, 0}};
+    for (const auto &want : cases) {
+        uci_free_context(ctx);
+        const std::string line = std::get<0>(want);
+        write_file(settings, "config a settings\n" + line);
+        ASSERT_EQ(config_load(&ctx, &package, &section), 0);
+        EXPECT_EQ(std::tuple(line, uci_lookup_option_int(ctx, section, "o"), uci_lookup_option_bool(ctx, section, "o"),
+                             uci_lookup_option_ip(ctx, section, "o"), config_get_setting_bool("o")),
+                  want);
+    }
+    EXPECT_EQ((std::vector{uci_lookup_option_int(nullptr, section, "o"), uci_lookup_option_int(ctx, nullptr, "o"),
+                           uci_lookup_option_int(ctx, section, nullptr)}),
+              std::vector(3, -1));
     EXPECT_EQ(log(), records{});
 }
 
 TEST_F(uciconfig, loading_a_package)
 {
-    auto *const untouched = section = reinterpret_cast<uci_section *>(this);
-    EXPECT_EQ(config_load(&ctx, &package, &section) + config_load_network(nullptr, &package, "lan", nullptr), -2);
-    EXPECT_TRUE(!ctx && !package && !section);
+    auto *const untouched = reinterpret_cast<uci_section *>(this);
+    for (const bool refused : {false, true}) {
+        ctx = reinterpret_cast<uci_context *>(this);
+        package = reinterpret_cast<uci_package *>(this);
+        section = untouched;
+        const allocation_refusal refuse{refused, "libuci.so"};
+        EXPECT_EQ(config_load(&ctx, &package, &section), -1);
+        EXPECT_TRUE(!ctx && !package && !section);
+    }
+    EXPECT_EQ(config_load_network(nullptr, &package, "lan", nullptr), -1);
     section = untouched;
     write_file(network, "config interface lan\n");
     for (const char *name : {none, "50%s", "lan"}) {
@@ -109,14 +130,15 @@ TEST_F(uciconfig, loading_a_package)
     }
     ucierr(nullptr, "%s", std::string(1100, '%').c_str());
     ucierr(ctx, none, 1);
-    EXPECT_EQ(log(), failures({"Failed loading package vandrel: Entry not found",
+    EXPECT_EQ(log(), failures({"Failed loading package vandrel: Entry not found", "Failed initializing uci context",
                                "Loading section network.50%s: Entry not found",
                                std::string(1022, '%') + ": Invalid argument", "Success"}));
 }
 
-TEST_F(uciconfig, changes_stay_in_memory_until_a_commit)
+TEST_F(uciconfig, changes_stay_in_memory_until_a_commit_which_keeps_those_of_others)
 {
-    const std::string file = "# mine\nconfig i\n option key 1\n option a old\n list l x\nconfig i two\n option key 1\n";
+    const std::string file =
+        "config j\n option key 1\nconfig i\n option key 1\n list l x\nconfig i two\n option key 1\n";
     write_file(network, file);
     ASSERT_EQ(config_load_network(&ctx, &package, "two", &section), 0);
     const auto set = [this](const char *type, const char *key, const char *key_value, bool commit) {
@@ -137,8 +159,10 @@ TEST_F(uciconfig, changes_stay_in_memory_until_a_commit)
     EXPECT_EQ(log(), failures({"50%s: Entry not found", ": Invalid argument", "Couldn't set section: Invalid argument",
                                "missing some arguments"}));
     EXPECT_TRUE(read_file(network) == file && !std::filesystem::exists("/tmp/.uci"));
+    EXPECT_EQ(config_set_section_setting_string("network", "two", "other", "x"), 0); // another context
     EXPECT_EQ(set("i", "key", "1", true), 0);
-    EXPECT_EQ(read_file(network), "\nconfig i\n\toption key '1'\n\toption a 'new'\n\tlist l 'x'\n\nconfig i 'two'\n\n"
+    EXPECT_EQ(read_file(network), "\nconfig j\n\toption key '1'\n\nconfig i\n\toption key '1'\n\tlist l 'x'\n"
+                                  "\toption a 'new'\n\nconfig i 'two'\n\toption other 'x'\n\n"
                                   "config host\n\toption odd '100%s%n '\\''its'\\'' \"\\\"\n\t$(x);#\xff'\n\n"
                                   "config host 'made'\n\n");
     EXPECT_EQ(taken(config_lookup("network.@host[0].odd")), odd_text);
