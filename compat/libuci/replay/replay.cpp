@@ -98,13 +98,13 @@ template <typename Object> std::string q(const Object *of)
 
 template <typename Each> std::string array(uci_list &list, Each &&each)
 {
-    std::string result;
+    std::string result = "[";
     uci_element *e = nullptr;
     uci_foreach_element (&list, e) {
         check(e->list.next->prev == &e->list, "a list is torn");
-        result += (result.empty() ? "" : ",") + each(e);
+        result.append(result.size() > 1 ? "," : "").append(each(e));
     }
-    return "[" + result + "]";
+    return result + "]";
 }
 
 std::string name(const uci_element *e)
