@@ -4,6 +4,7 @@
 #include "uciconfig.h"
 
 #include <filesystem>
+#include <sstream>
 
 #include <sys/mount.h>
 #include <uci.h>
@@ -80,14 +81,14 @@ TEST_F(uciconfig, typed_options)
                "config a settings\n option a 12abc\n option b true\n option c -5\n option d 1\n option e ' 1'\n"
                " option f 10.0.0.1\n list g 1\n");
     ASSERT_EQ(config_load(&ctx, &package, &section), 0);
-    std::string found;
-    for (const char *option : {"a", "b", "c", "d", "e", "f", "g", "absent", none})
-        found += std::to_string(uci_lookup_option_int(ctx, section, option)) + ' ' +
-                 std::to_string(uci_lookup_option_bool(ctx, section, option)) + ' ' +
-                 ip_format_s(uci_lookup_option_ip(ctx, section, option)) +
-                 (config_get_setting_bool(option) ? " on; " : "; ");
-    EXPECT_EQ(found, "12 1 255.255.255.255; 0 0 255.255.255.255; -5 0 255.255.255.255; 1 1 0.0.0.1 on; "
-                     "1 1 255.255.255.255; 10 1 10.0.0.1; -1 0 0.0.0.0 on; -1 0 0.0.0.0; -1 0 0.0.0.0; ");
+    std::ostringstream found;
+    for (const char *option : {"a", "b", "c", "d", "e", "f", "g", "absent", none}) {
+        found << uci_lookup_option_int(ctx, section, option) << ' ' << uci_lookup_option_bool(ctx, section, option);
+        found << ' ' << ip_format_s(uci_lookup_option_ip(ctx, section, option));
+        found << (config_get_setting_bool(option) ? " on; " : "; ");
+    }
+    EXPECT_EQ(found.str(), "12 1 255.255.255.255; 0 0 255.255.255.255; -5 0 255.255.255.255; 1 1 0.0.0.1 on; "
+                           "1 1 255.255.255.255; 10 1 10.0.0.1; -1 0 0.0.0.0 on; -1 0 0.0.0.0; -1 0 0.0.0.0; ");
     EXPECT_EQ(uci_lookup_option_int(nullptr, section, "d") + uci_lookup_option_int(ctx, nullptr, "d"), -2);
     EXPECT_EQ(log(), records{});
 }
@@ -119,8 +120,7 @@ TEST_F(uciconfig, loading_a_package)
 
 TEST_F(uciconfig, changes_stay_in_memory_until_a_commit_which_keeps_those_of_others)
 {
-    const std::string file =
-        "config j\n option key 1\nconfig i\n option key 1\n list l x\nconfig i two\n option key 1\n";
+    const std::string k = "\n option key 1\n", file = "config j" + k + "config i" + k + " list l x\nconfig i two" + k;
     write_file(network, file);
     ASSERT_EQ(config_load_network(&ctx, &package, "two", &section), 0);
     const auto set = [this](const char *type, const char *key, const char *key_value, bool commit) {
@@ -134,9 +134,9 @@ TEST_F(uciconfig, changes_stay_in_memory_until_a_commit_which_keeps_those_of_oth
               (std::vector{0, 2, 1, 1, 1, 1, 0, 0, 0}));
     EXPECT_STREQ(config_add_section(ctx, package, "host", "made")->e.name, "made");
     EXPECT_EQ(log(), records{});
-    EXPECT_EQ(uci_delete_option(section, "50%s", true) + uci_delete_option(section, nullptr, true), -2);
-    EXPECT_TRUE(!config_add_section(ctx, package, "a b", "made") && !config_add_section(ctx, nullptr, "host", none));
-    EXPECT_EQ(config_set_string(ctx, package, nullptr, "a", "b", true), 1);
+    EXPECT_TRUE(uci_delete_option(section, "50%s", true) == -1 && uci_delete_option(section, nullptr, true) == -1 &&
+                !config_add_section(ctx, package, "a b", "made") && !config_add_section(ctx, nullptr, "host", none) &&
+                config_set_string(ctx, package, nullptr, "a", "b", true) == 1);
     EXPECT_EQ(log(), failures({"50%s: Entry not found", ": Invalid argument", "Couldn't set section: Invalid argument",
                                "missing some arguments"}));
     EXPECT_TRUE(read_file(network) == file && !std::filesystem::exists("/tmp/.uci"));
@@ -155,7 +155,7 @@ TEST_F(uciconfig, one_call_sets_or_deletes_saves_and_commits)
     const std::string no_section = "Loading section vandrel.no%s: Entry not found";
     const std::tuple<const char *, const char *, const char *, int, std::string, std::vector<std::string>> cases[] = {
         {"settings", "foo", "bar", 0, a + l + foo, {}},
-        {nullptr, "foo", "bar", 0, a + l + foo, {}},
+        {nullptr, "foo", "bar", 0, a + l + foo, {}}, // unchanged
         {nullptr, "l", nullptr, 0, a + foo, {}},
         {nullptr, "l", nullptr, 2, a + foo, {}},
         {nullptr, "foo", "", 0, a, {}},
