@@ -445,14 +445,18 @@ template <typename Use> void for_each_listed(const char *common_name, int direct
 {
     const auto [subject, listed] = list_directions[direction];
     const int type = vpn_type_get_by_common_name(common_name);
+    uint32_t barren = place::max_zones; // has nothing to list, however often it holds the peer
     for (const place &peer : state.model->places_of(common_name)) {
-        if (!peer.is_peer(subject))
+        if (!peer.is_peer(subject) || peer.zone() == barren)
             continue;
+        barren = peer.zone();
         const bool is_denying = denies(state.model->zones()[peer.zone()], type, type);
         for (zone_member &member : state.model->members_of(peer.zone())) {
             if (has(listed, member.direction) && !(is_denying && member.type == ZONE_MEMBER_SERIALIZATION &&
-                                                   vpn_type_get_by_common_name(member.start.name) == type))
+                                                   vpn_type_get_by_common_name(member.start.name) == type)) {
+                barren = place::max_zones;
                 use(member);
+            }
         }
     }
 }

@@ -19,18 +19,11 @@ const char *const names[] = {
     LONGEST,   LONGEST "u", LONGEST "v"};
 const struct {
     const char *text;
-    uint64_t value;
-} addresses[] = {{"10.0.0.0", 0x0A000000}, {"10.0.0.3", 0x0A000003}, {"10.0.0.6", 0x0A000006}, {"10.0.0.9", 0x0A000009},
-                 {"10.0.1.0", 0x0A000100}, {"0.0.0.0", 0},           {"bogus", 0xFFFFFFFF},    {"10.1", 0x0A000001}},
-  netmasks[] = {{"24", 0xFFFFFF00}, {"30", 0xFFFFFFFC}, {"255.255.255.251", 0xFFFFFFFB}, {"1", 0x80000000},
-                {"32", 0xFFFFFFFF}, {"33", 0},          {"no netmask", 0xFFFFFFFF},      {"255.0.255.6", 0xFF00FF06}},
-  macs[] = {{"00:00:00:00:00:01", 1},
-            {"00:00:00:00:00:04", 4},
-            {"00:00:00:00:00:06", 6},
-            {"ff:00:00:00:00:02", 0xFF0000000002}};
-const uint32_t asked_ips[] = {0x0A000000, 0x0A000001, 0x0A000002, 0x0A000003, 0x0A000004,
-                              0x0A000006, 0x0A000007, 0x0A0000FF, 0x0A000100, 0x0B000000,
-                              0x0A770106, 0x80000000, 0,          0xFFFFFFFE, 0xFFFFFFFF};
+    uint32_t value;
+} netmasks[] = {{"24", 0xFFFFFF00}, {"30", 0xFFFFFFFC}, {"255.255.255.251", 0xFFFFFFFB},
+                {"1", 0x80000000},  {"32", ~0U},        {"255.0.255.6", 0xFF00FF06}};
+const uint32_t first_ip = 0x0A000000;
+const uint64_t first_mac = 0xFF0000000000;
 const char *const types[] = {"serialization", "port", "whitelisted_ip", "whitelisted_ip",
                              "whitelisted_mac"}; // by value
 const char *const directions[] = {"in", "out", "both", "none"};
@@ -70,33 +63,28 @@ private:
     void add_member(plain_zone &zone, std::set<std::string> &keys)
     {
         zone_member m{static_cast<int>(below(5)), static_cast<int>(below(4)), {}, {}, nullptr, nullptr};
-        const bool is_left_out = below(10) == 0;
         const bool has_name = m.type <= ZONE_MEMBER_PORT, is_network = m.type == ZONE_MEMBER_IP_NETWORK;
         const std::string key = has_name ? one_of(names) : "address " + std::to_string(keys.size());
         if (!keys.insert(key).second)
             return;
-        text += '"' + key + R"(":{"type":")" + types[m.type] + R"(","direction":")" + directions[m.direction] + '"';
+        text += '"' + key + R"(":{"type":")" + types[m.type] + R"(","direction":")" + directions[m.direction];
+        const unsigned first = below(10), last = below(10);
+        const auto &[netmask, mask] = one_of(netmasks);
         if (has_name) {
             key.copy(m.start.name, m.type == ZONE_MEMBER_PORT ? 13 : 26);
         } else {
-            const bool is_mac = m.type == ZONE_MEMBER_MAC_RANGE;
-            const auto &start = is_mac ? one_of(macs) : one_of(addresses);
-            const bool is_single = !is_network && below(2) == 0;
-            const auto &end = is_single    ? start
-                              : is_mac     ? one_of(macs)
-                              : is_network ? one_of(netmasks)
-                                           : one_of(addresses);
-            text += std::string{R"(,"address_start":")"} + start.text;
-            if (!is_single)
-                text += std::string{is_network ? R"(","netmask":")" : R"(","address_end":")"} + end.text;
-            text += '"';
-            for (auto [to, value] : {std::pair{&m.start, start.value}, {&m.end, end.value}}) {
-                to->mac = is_mac ? value : 0;
-                to->ip = is_mac ? to->ip : static_cast<uint32_t>(value);
-            }
+            const std::string prefix = m.type == ZONE_MEMBER_MAC_RANGE ? "ff:00:00:00:00:0" : "10.0.0.";
+            text += R"(","address_start":")" + prefix + std::to_string(first);
+            text += is_network ? R"(","netmask":")" + std::string{netmask}
+                               : R"(","address_end":")" + prefix + std::to_string(last);
+            if (m.type == ZONE_MEMBER_MAC_RANGE)
+                m.start.mac = first_mac + first, m.end.mac = first_mac + last;
+            else
+                m.start.ip = first_ip + first, m.end.ip = is_network ? mask : first_ip + last;
         }
-        text += is_left_out ? R"(,"disabled":true},)" : "},";
-        if (!is_left_out && !(is_network && m.end.ip == 0 && m.start.ip != 0))
+        const bool is_left_out = below(10) == 0;
+        text += is_left_out ? R"(","disabled":true},)" : R"("},)";
+        if (!is_left_out)
             zone.members.push_back(m);
     }
 
@@ -143,10 +131,12 @@ TEST_F(device_test, answers_as_the_plain_walk_does)
             EXPECT_EQ(zones_update_schedule_access(), made.zones.empty() ? 1 : made.zones.back().open);
         }
         for (const char *name : names) {
-            for (const uint32_t ip : asked_ips)
+            for (const uint32_t ip : {0U, 0x0A0000FFU, 0x0A000100U, 0x0A770106U, 0x80000000U, ~0U})
                 compare(zones_is_ip_allowed_sched, plain_ip, made.zones, name, ip);
-            for (uint8_t mac[6] = {}; mac[5] < 8; mac[0] ^= 0xFF, mac[5] = static_cast<uint8_t>(mac[5] + (mac[0] == 0)))
+            for (uint8_t mac[6] = {0xFF}; mac[5] < 11; ++mac[5]) {
+                compare(zones_is_ip_allowed_sched, plain_ip, made.zones, name, first_ip + mac[5]);
                 compare(zones_is_mac_allowed_sched, plain_mac, made.zones, name, mac);
+            }
             for (const char *other : names) {
                 compare(zones_is_port_allowed_sched, plain_port, made.zones, name, other);
                 compare(zones_is_device_allowed_sched, plain_device, made.zones, name, other);
