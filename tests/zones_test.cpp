@@ -53,8 +53,9 @@ namespace {
 constexpr char zones_file[] = "/etc/vandrel/zones.json",
                script[] = "/usr/share/vandrel/check_zone_scheduled_access.lua";
 constexpr uint32_t address = 0x0A000001; // of a in the zone file
-const std::string p_and_a = "'p':{'type':'serialization','direction':'in'},"
-                            "'a':{'type':'whitelisted_ip','direction':'out','address_start':'10.0.0.1'}";
+const std::string from_p = "'p':{'type':'serialization','direction':'in'},"
+                           "'a':{'type':'whitelisted_ip','direction':'out','address_start':",
+                  p_and_a = from_p + "'10.0.0.1'}";
 const records no_records, missing{error("Missing arguments", "zones.c")};
 
 records warnings(const std::vector<const char *> &texts)
@@ -101,23 +102,18 @@ protected:
     ~zones_test() override { zones_free(); }
 
     /// Puts a new version in place at once, or writes it over the old one; with a time stamp of its own.
-    void set_file(const std::string &text, bool is_in_place = false)
+    void set_file(const std::string &text)
     {
-        const char *path = is_in_place ? zones_file : "/etc/vandrel/next";
+        const char *path = is_in_place_ ? zones_file : "/etc/vandrel/next";
         write_file(path, text);
         const timespec times[2] = {{++time_, 0}, {time_, 0}};
         utimensat(AT_FDCWD, path, times, 0);
         rename("/etc/vandrel/next", zones_file);
     }
-    void set_zones(const std::string &zones, bool is_in_place = false)
-    {
-        set_file("{'zone_configuration':{'zones':" + zones + "}}", is_in_place);
-    }
-    void set_members(const std::string &members, bool is_in_place = false)
-    {
-        set_zones("{'1':{'members':{" + members + "}}}", is_in_place);
-    }
+    void set_zones(const std::string &zones) { set_file("{'zone_configuration':{'zones':" + zones + "}}"); }
+    void set_members(const std::string &members) { set_zones("{'1':{'members':{" + members + "}}}"); }
 
+    bool is_in_place_ = false;
     time_t time_ = 1000;
 };
 
@@ -125,6 +121,8 @@ protected:
 
 TEST_F(zones_test, members_as_they_are_read)
 {
+    const std::string ip = "'n':{'type':'whitelisted_ip','address_start':",
+                      mac = "'n':{'type':'whitelisted_mac','address_start':";
     const struct {
         std::string member, stored;
         std::vector<const char *> warned = {};
@@ -133,23 +131,18 @@ TEST_F(zones_test, members_as_they_are_read)
         {"'abcdefghijklmnopqrstuvwxyz1234':{'type':'serialization','direction':'in'}",
          "00 abcdefghijklmnopqrstuvwxyz;"},
         {"'abcdefghijklmnop':{'type':'port','direction':'both'}", "12 abcdefghijklm;"},
-        {"'n':{'type':'whitelisted_ip','address_start':'10.0.0.5'}", "23 a000005 a000005;"},
-        {"'n':{'type':'whitelisted_ip','address_start':5,'address_end':'x','netmask':null}", "23 5 ffffffff;"},
-        {"'n':{'type':'whitelisted_ip','address_start':'0.0.0.9','address_end':'0.0.0.1'}", "23 9 1;"},
-        {"'n':{'type':'whitelisted_ip','address_start':'0.0.0.0','netmask':'0'}", "33 0 0;"},
-        {"'n':{'type':'whitelisted_ip','address_start':'1.2.3.4','netmask':0}",
-         "",
-         {"Failed to parse netmask 0", "n parsing failed"}},
-        {"'n':{'type':'whitelisted_ip','address_start':'1.2.3.4','netmask':24,'address_end':'x'}",
-         "33 1020304 ffffff00;"},
-        {"'n':{'type':'whitelisted_ip','address_start':'1.2.3.4','netmask':'255.255.0.0'}", "33 1020304 ffff0000;"},
+        {ip + "'10.0.0.5'}", "23 a000005 a000005;"},
+        {ip + "5,'address_end':'x','netmask':null}", "23 5 ffffffff;"},
+        {ip + "'0.0.0.9','address_end':'0.0.0.1'}", "23 9 1;"},
+        {ip + "'0.0.0.0','netmask':'0'}", "33 0 0;"},
+        {ip + "'1.2.3.4','netmask':0}", "", {"Failed to parse netmask 0", "n parsing failed"}},
+        {ip + "'1.2.3.4','netmask':24,'address_end':'x'}", "33 1020304 ffffff00;"},
+        {ip + "'1.2.3.4','netmask':'255.255.0.0'}", "33 1020304 ffff0000;"},
         {"'n':{'type':'whitelisted_ip','address_end':'10.0.0.1'}", "", {"n parsing failed"}},
         {"'n':{'type':'whitelisted_ip','netmask':'24'}", "", {"n parsing failed"}},
-        {"'n':{'type':'whitelisted_mac','address_start':'AA:BB:CC:DD:EE:FF'}", "43 aabbccddeeff aabbccddeeff;"},
-        {"'n':{'type':'whitelisted_mac','address_start':'aabbccddeeff'}", "", {"n parsing failed"}},
-        {"'n':{'type':'whitelisted_mac','address_start':'00:00:00:00:00:01','address_end':'2'}",
-         "",
-         {"n parsing failed"}},
+        {mac + "'AA:BB:CC:DD:EE:FF'}", "43 aabbccddeeff aabbccddeeff;"},
+        {mac + "'aabbccddeeff'}", "", {"n parsing failed"}},
+        {mac + "'00:00:00:00:00:01','address_end':'2'}", "", {"n parsing failed"}},
         {"'n':{'type':'whitelisted_mac','address_end':'00:00:00:00:00:01'}", "", {"n parsing failed"}},
         {"'n':{'type':true},'m':[]", "", {"n parsing failed", "m parsing failed"}},
         {"'n':{'type':'port','disabled':true},'m':null", ""},
@@ -206,19 +199,16 @@ TEST_F(zones_test, a_file_that_cannot_be_loaded)
         int answer = 0; // after zones_load: 1 where the new time stamp was taken, so that the old model goes on
     } cases[] = {
         {"missing", [] {}, absent},
-        {"a link to nothing", [] { EXPECT_EQ(symlink("/nowhere", zones_file), 0); }, absent},
         {"a directory", [] { mkdir(zones_file, 0755); }},
         {"a FIFO", [] { mkfifo(zones_file, 0644); }},
         {"endless", [] { EXPECT_EQ(symlink("/dev/zero", zones_file), 0); }},
         {"unreadable", [&] { write_file(zones_file, several_ids() ? good : "", 0), setfsuid(1); }},
         {"truncated", [&] { set_file(good.substr(0, good.size() - 1)); }},
-        {"a bare number", [&] { set_file("5"); }},
         {"nested deeply", [&] { set_file(std::string(100'000, '[')); }},
         {"a string without end", [&] { set_file(long_string); }},
         {"null", [&] { set_file("null"); }},
         {"a string", [&] { set_file(long_string + '"'); }, {}, 1},
         {"no zones", [&] { set_file("{'zone_configuration':{'zones':null}}"); }, {}, 1},
-        {"no configuration", [&] { set_file("{'zone_configuration':'zones'}"); }, {}, 1},
     };
     for (const auto &[name, make, logged, answer] : cases) {
         SCOPED_TRACE(name);
@@ -250,13 +240,9 @@ TEST_F(zones_test, a_file_that_cannot_be_loaded)
 TEST_F(zones_test, no_version_of_the_file_is_missed)
 {
     int step = 1, version = 1;
-    bool is_in_place = false;
     const auto change = [&](int last) {
         version = last;
-        set_members("'p':{'type':'serialization','direction':'in'},'a':{'type':'whitelisted_ip','direction':'out',"
-                    "'address_start':'0.0.0." +
-                        std::to_string(version) + "'}",
-                    is_in_place);
+        set_members(from_p + "'0.0.0." + std::to_string(version) + "'}");
     };
     for (int first = 1; step >= first - 1; ++first) { // changes the file at every step from the first one on
         for (const bool is_once : {true, false, true, false}) {
@@ -271,7 +257,7 @@ TEST_F(zones_test, no_version_of_the_file_is_missed)
             at_step = nullptr;
             for (int asked = 1; asked <= version; ++asked)
                 EXPECT_EQ(may_reach(static_cast<uint32_t>(asked)), asked == version) << first << ' ' << asked;
-            is_in_place ^= !is_once;
+            is_in_place_ ^= !is_once;
         }
     }
     EXPECT_GE(step, 4) << "access, open, fstat, read";
@@ -326,7 +312,6 @@ TEST_F(zones_test, schedules)
          1},
         {one, "#!/bin/sh\nwhile true; do echo true; done", 1, 1}, // ends though this process ignores SIGPIPE
         {one, "#!/bin/sh\necho TRUE", 0, 0},
-        {one, "#!/bin/sh\necho ' true'", 0, 0},
         {one, "#!/bin/sh\n", 0, 0},
         {one, "#!/not/there", 0, 0},
         {two, "#!/bin/sh\n[ $2 = 1 ] && echo true", 0, 1}, // some zone is open
