@@ -26,10 +26,11 @@ TEST(libuci, recorded_calls)
 
 TEST(libuci, beyond_the_recorded_calls)
 {
-    EXPECT_EQ(replay("own.json"), "25 of 25\n");
+    EXPECT_EQ(replay("own.json"), "27 of 27\n");
 }
 
 constexpr char file[] = "/etc/config/t";
+constexpr char changes[] = "/tmp/.uci/t";
 
 std::shared_ptr<uci_context> new_context()
 {
@@ -124,6 +125,13 @@ TEST(libuci, killed_at_any_moment)
     EXPECT_GT(killed_inside, 0);
 }
 
+TEST(libuci, nul_spoils_one_change)
+{
+    write_file(file, "config x s\n\toption a 0\n\toption b 0\n");
+    write_file(changes, std::string{"t.s.a='1\0\nt.s.a='2'\n'\nt.s.b=3\n", 30});
+    EXPECT_EQ(read_options("t"), (std::pair<std::string, std::string>{"0", "3"}));
+}
+
 /// A daemon's steps from load to revert, up to the first that fails.
 int step_through(uci_context *ctx)
 {
@@ -133,6 +141,8 @@ int step_through(uci_context *ctx)
     std::string path = "t.@x[0].b=new";
     int code = uci_lookup_ptr(ctx, &ptr, path.data(), true);
     code = code ? code : uci_set(ctx, &ptr);
+    uci_ptr by_hand{UCI_TYPE_UNSPEC, {}, ptr.p, ptr.s, ptr.o, nullptr, nullptr, nullptr, nullptr, "newer"};
+    code = code ? code : uci_set(ctx, &by_hand);
     ptr.option = "a";
     code = code ? code : uci_add_list(ctx, &ptr);
     code = code ? code : uci_add_section(ctx, ptr.p, "route", &added);
@@ -147,12 +157,12 @@ TEST(libuci, memory_runs_out)
 {
     const std::string before = "config x s\n\toption a 'an old value that is long'\n";
     const std::string after =
-        "\nconfig x 's'\n\tlist a 'an old value that is long'\n\tlist a 'new'\n\toption b 'new'\n\n"
+        "\nconfig x 's'\n\tlist a 'an old value that is long'\n\tlist a 'new'\n\toption b 'newer'\n\n"
         "config route\n\n";
     int refused = 0;
     for (bool happened = true; happened;) {
         write_file(file, before);
-        write_file("/tmp/.uci/t", "");
+        write_file(changes, "");
         auto refuse = std::make_unique<allocation_refusal>(++refused, "libuci.so");
         const auto ctx = new_context();
         const int code = ctx ? step_through(ctx.get()) : UCI_ERR_MEM;

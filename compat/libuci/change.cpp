@@ -253,10 +253,10 @@ std::string change_line(std::string_view package_name, const change &what)
         line += static_cast<char>(kind);
     line += escaped(package_name);
     line += '.';
-    line += what.section;
+    line += harmless(what.section);
     if (!what.option.empty()) {
         line += '.';
-        line += what.option;
+        line += harmless(what.option);
     }
     if (what.value && !deletes) {
         line += '=';
@@ -280,12 +280,13 @@ line_end end_of_lines(std::string_view content)
         try {
             reader.word();
         } catch (const parse_failure &) {
-            if (reader.at_end())
-                return {reader.line_begin(), ""};
+            return {reader.line_begin(), ""};
         }
     }
     // after a backslash, a line feed only continues the line
-    const bool continued = content.ends_with("\\\n") || content.ends_with("\\\r\n") || content.ends_with('\\');
+    bool continued = false;
+    for (const char *end : {"\\", "\\\r", "\\\n", "\\\r\n"})
+        continued = continued || content.ends_with(end);
     const bool ended = content.empty() || content.ends_with('\n');
     return {content.size(), continued ? "\n\n" : ended ? "" : "\n"};
 }

@@ -100,6 +100,10 @@ int resolve(context &ctx, uci_ptr &ptr, bool extended)
 {
     if (!ptr.p && !ptr.package)
         return UCI_ERR_INVAL;
+    if (ptr.s && !ptr.section)
+        ptr.section = ptr.s->e.name;
+    if (ptr.o && !ptr.option)
+        ptr.option = ptr.o->e.name;
     ptr.flags = static_cast<decltype(ptr.flags)>(ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED);
     add_flag(ptr, uci_ptr::UCI_LOOKUP_DONE);
     if (!ptr.p)

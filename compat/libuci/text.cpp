@@ -78,6 +78,16 @@ std::string escaped(std::string_view text)
     return result;
 }
 
+std::string harmless(std::string_view name)
+{
+    std::string result{name};
+    for (char &c : result) {
+        if (static_cast<unsigned char>(c) <= ' ' || std::string_view{".='\"\\#;"}.find(c) != std::string_view::npos)
+            c = '?';
+    }
+    return result;
+}
+
 bool command_reader::next_line() noexcept
 {
     if (end_ == content_.size())
@@ -143,7 +153,12 @@ std::string command_reader::argument()
         ++at_;
     stop_ = at_;
     separated_ = take(';');
-    return separated_ ? std::string{} : word();
+    if (separated_)
+        return {};
+    std::string text = word();
+    if (text.find('\0') != std::string::npos) // the calls that give out values couldn't give this one
+        fail_at_argument("NUL character");
+    return text;
 }
 
 std::string command_reader::word()
@@ -170,7 +185,7 @@ std::string command_reader::word()
         else if (c == '\\')
             escape(text);
         else
-            plain(text);
+            text += content_[at_++];
         is_plain = is_plain && c != '\'' && c != '"' && c != '\\';
     }
     stop_ = at_;
@@ -178,18 +193,11 @@ std::string command_reader::word()
     return text;
 }
 
-void command_reader::plain(std::string &text)
-{
-    if (content_[at_] == '\0') // the calls that give out values couldn't give this one
-        fail("NUL character", at_);
-    text += content_[at_++];
-}
-
 void command_reader::single_quoted(std::string &text)
 {
     for (++at_; !take('\'');) {
         if (!at_end())
-            plain(text);
+            text += content_[at_++];
         else if (!join_line())
             fail("EOF with unterminated '", at_);
     }
@@ -204,7 +212,7 @@ void command_reader::double_quoted(std::string &text)
         } else if (content_[at_] == '\\') {
             escape(text);
         } else {
-            plain(text);
+            text += content_[at_++];
         }
     }
 }
@@ -218,7 +226,7 @@ void command_reader::escape(std::string &text)
         at_ = end_;
         join_line();
     } else if (!at_end()) {
-        plain(text);
+        text += content_[at_++];
     }
 }
 

@@ -20,6 +20,10 @@ std::optional<long> to_number(std::string_view text);
 std::string quoted(std::string_view text);
 std::string escaped(std::string_view text); // reads as one argument without quotes
 
+/// A section's or option's name for a change line. One that is no name stays none, but with nothing in it that could
+/// make the line mean something else or go on into the next.
+std::string harmless(std::string_view name);
+
 /// Takes a file apart into command lines and those into arguments. Fails with parse_failure.
 ///
 /// A command line is a physical line and those that a quote or a backslash at the end join to it.
@@ -38,7 +42,7 @@ public:
     std::string_view keyword() noexcept; // empty when there is none
     bool end_of_command();               // checks that there are no more arguments; true when a new command follows
     std::string argument();              // empty when there is none
-    std::string word();                  // the argument that begins right here
+    std::string word();                  // the argument that begins right here; it may hold NUL characters
 
     [[noreturn]] void fail_at_keyword(const char *reason) const { fail(reason, keyword_at_); }
     [[noreturn]] void fail_at_argument(const char *reason) const { fail(reason, stop_); }
@@ -47,7 +51,6 @@ private:
     void single_quoted(std::string &text);
     void double_quoted(std::string &text);
     void escape(std::string &text);
-    void plain(std::string &text);
     bool join_line() noexcept;
     [[noreturn]] void fail(const char *reason, std::size_t at) const;
 

@@ -319,7 +319,8 @@ int uci_revert(uci_context *ctx, uci_ptr *ptr)
         const auto [code, what] = resolve_change(state, *ptr, change_kind::remove);
         if (code != UCI_OK)
             return code;
-        if (!ptr->p->has_delta)
+        const bool whole = !ptr->section && !ptr->option;
+        if (!ptr->p->has_delta || (!whole && what.section.empty()))
             return UCI_ERR_INVAL;
         const std::string section_name{what.section};
         const std::string option_name{what.option};

@@ -245,11 +245,6 @@ int uci_add_delta_path(struct uci_context *ctx, const char *dir);
  */
 int uci_list_configs(struct uci_context *ctx, char ***list);
 
-#pragma GCC visibility pop
-#ifdef __cplusplus
-}
-#endif
-
 #ifndef container_of
 #define container_of(ptr, type, member) ((type *)((char *)(ptr)-offsetof(type, member)))
 #endif
@@ -271,7 +266,7 @@ int uci_list_configs(struct uci_context *ctx, char ***list);
 #define uci_to_section(element) container_of(element, struct uci_section, e)
 #define uci_to_option(element) container_of(element, struct uci_option, e)
 
-// NOLINTBEGIN(modernize-use-nullptr): this is C too
+/* NOLINTBEGIN(modernize-use-nullptr): this is C too */
 
 /** The loaded package of that name, or NULL; loads nothing. */
 static inline struct uci_package *uci_lookup_package(struct uci_context *ctx, const char *name)
@@ -301,6 +296,11 @@ static inline const char *uci_lookup_option_string(struct uci_context *ctx, stru
     return o && o->type == UCI_TYPE_STRING ? o->v.string : NULL;
 }
 
-// NOLINTEND(modernize-use-nullptr)
+/* NOLINTEND(modernize-use-nullptr) */
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
 
 #endif
