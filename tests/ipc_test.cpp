@@ -13,6 +13,7 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <json-c/json.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -319,6 +320,17 @@ TEST_F(ipc_test, a_server_and_its_socket_file)
     EXPECT_EQ(status_of("other").st_mode, 0U);
     EXPECT_EQ(write_to(handle, "{}"), 0) << "accepted connections stay";
 
+    EXPECT_GE(server(), 0);
+    connected();
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit none{0, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(log(), records{warning("error: ", "ipc.c", EMFILE)}) << "it could not be accepted";
+    EXPECT_EQ(server(), -1);
+    EXPECT_EQ(log(), records{refused(EMFILE)});
+    setrlimit(RLIMIT_NOFILE, &usual);
     struct stat untouched {};
     EXPECT_EQ(stat("/tmp/not_ours", &untouched), 0);
     EXPECT_EQ(std::pair(untouched.st_mode, untouched.st_gid), std::pair(mode_t{S_IFREG | 0644}, getgid()));
