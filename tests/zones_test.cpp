@@ -30,6 +30,7 @@ static void take_step()
     }
 }
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 #pragma GCC visibility push(default) // so that the library calls these
 extern "C" { // clang-format off
 int access(const char *path, int mode) { take_step(); return faccessat(AT_FDCWD, path, mode, 0); }
@@ -47,6 +48,7 @@ void *mmap(void *at, size_t size, int access, int flags, int fd, off_t offset)
 }
 }                                    // clang-format on
 #pragma GCC visibility pop
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace {
 
