@@ -102,6 +102,7 @@ outcome rename(package &to, const change &what, section *at, option *old)
         old->name.swap(fresh);
         old->e.name = old->name.data();
     } else {
+        to.note_given(fresh);
         at->rename(fresh);
         at->anonymous = false;
     }
@@ -270,6 +271,25 @@ std::size_t apply_lines(package &to, std::string_view content)
     std::size_t applied = 0;
     for_each_change(to.name, content, [&](const change &what) { applied += apply(to, what).code == UCI_OK; });
     return applied;
+}
+
+std::size_t end_of_comment(std::string_view content, std::string_view comment)
+{
+    std::size_t end = 0;
+    if (content.rfind(comment) == std::string_view::npos) // most often
+        return end;
+    command_reader reader{content};
+    while (reader.next_line()) {
+        if (content.substr(reader.line_begin()).starts_with(comment))
+            end = reader.line_begin() + comment.size();
+        try { // a value may hold the same text
+            reader.skip_space();
+            reader.word();
+        } catch (const parse_failure &) {
+            break;
+        }
+    }
+    return end;
 }
 
 line_end end_of_lines(std::string_view content)

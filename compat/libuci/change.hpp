@@ -52,10 +52,13 @@ std::size_t apply_lines(package &to, std::string_view content);
 /// How much of a change file to keep before lines are appended, and what has to come between. A last line whose quote
 /// is open, as a process leaves it that is killed while it writes, would swallow them.
 struct line_end {
-    std::size_t length;
-    const char *separator;
+    std::size_t length = 0;
+    const char *separator = "";
 };
 line_end end_of_lines(std::string_view content);
+
+/// How far a change file goes up to the last line that is exactly this comment, itself included; 0 without any.
+std::size_t end_of_comment(std::string_view content, std::string_view comment);
 
 /// The lines of a change file without those about the section, or its option; without all if section is empty.
 std::string lines_without(std::string_view package_name, std::string_view content, std::string_view section,

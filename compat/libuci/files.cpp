@@ -27,6 +27,22 @@ void check(bool done)
         throw failure{UCI_ERR_IO};
 }
 
+/// Whether a failed call tells that there is no regular file, rather than that we can't get at it.
+bool nothing_there() noexcept
+{
+    for (const int error : {ENOENT, ENOTDIR, EISDIR, ELOOP, ENAMETOOLONG, ENXIO}) {
+        if (errno == error)
+            return true;
+    }
+    return false;
+}
+
+/// Waits until what was written is on the disk, if the file system knows such a thing.
+bool sync(int fd) noexcept
+{
+    return ::fsync(fd) == 0 || errno == EINVAL;
+}
+
 void write_whole(int fd, std::string_view text)
 {
     while (!text.empty()) {
@@ -57,9 +73,12 @@ public:
     {
         write_whole(fd_.get(), content);
         check(::fchmod(fd_.get(), mode) == 0);
-        check(::fsync(fd_.get()) == 0);
+        check(sync(fd_.get()));
+        id_ = id_of(fd_);
         check(::close(fd_.release()) == 0);
     }
+
+    file_id id() const noexcept { return id_; }
 
     void take_over(const std::string &target)
     {
@@ -70,6 +89,7 @@ public:
 private:
     std::string path_;
     descriptor fd_;
+    file_id id_{};
 };
 
 /// Removes what killed processes left behind. Nobody else writes a successor while we have the file's lock.
@@ -93,18 +113,34 @@ descriptor open_locked(const std::string &path, access how, mode_t create_mode)
     const int flags = (how == access::write ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC | O_NONBLOCK;
     for (;;) {
         descriptor file{::open(path.c_str(), flags, create_mode)};
-        struct stat opened;
-        if (!file || ::fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode))
+        if (!file) {
+            check(nothing_there());
             return {};
-        while (::flock(file.get(), how == access::write ? LOCK_EX : LOCK_SH) != 0) {
-            if (errno != EINTR)
-                return {};
         }
-        // whoever had the lock before us may have replaced the file
+        struct stat opened;
+        check(::fstat(file.get(), &opened) == 0);
+        if (!S_ISREG(opened.st_mode))
+            return {};
+        while (::flock(file.get(), how == access::write ? LOCK_EX : LOCK_SH) != 0)
+            check(errno == EINTR);
+        // whoever had the lock before us may have replaced or removed the file
         struct stat now;
         if (::stat(path.c_str(), &now) == 0 && now.st_dev == opened.st_dev && now.st_ino == opened.st_ino)
             return file;
     }
+}
+
+file_id id_of(const descriptor &file)
+{
+    struct stat status;
+    check(::fstat(file.get(), &status) == 0);
+    return {status.st_dev, status.st_ino};
+}
+
+file_id id_at(const std::string &path) noexcept
+{
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 ? file_id{status.st_dev, status.st_ino} : file_id{};
 }
 
 std::string read_whole(const descriptor &file)
@@ -133,6 +169,7 @@ void append(const descriptor &file, std::string_view text)
     check(before >= 0);
     try {
         write_whole(file.get(), text);
+        check(sync(file.get()));
     } catch (const failure &) {
         static_cast<void>(::ftruncate(file.get(), before)); // half a line would spoil the next one
         throw;
@@ -144,13 +181,19 @@ void shorten(const descriptor &file, std::size_t length)
     check(::ftruncate(file.get(), static_cast<off_t>(length)) == 0);
 }
 
-void replace(const std::string &path, const descriptor &locked, std::string_view content)
+std::string real_path(const std::string &path)
 {
     const std::unique_ptr<char, frees> target{::realpath(path.c_str(), nullptr)};
     if (!target && errno == ENOMEM)
         throw failure{UCI_ERR_MEM};
     check(static_cast<bool>(target));
-    const std::string whole = target.get();
+    return target.get();
+}
+
+bool replace(const std::string &path, const descriptor &locked, std::string_view content,
+             const std::function<void(file_id)> &about_to)
+{
+    const std::string whole = real_path(path);
     const std::size_t slash = whole.rfind('/');
     const std::string folder = whole.substr(0, slash + 1);
     const std::string prefix = '.' + whole.substr(slash + 1) + ".uci-";
@@ -162,8 +205,9 @@ void replace(const std::string &path, const descriptor &locked, std::string_view
     remove_leftovers(folder, prefix);
     successor fresh{folder, prefix};
     fresh.fill(content, old.st_mode & 07777);
+    about_to(fresh.id());
     fresh.take_over(whole);
-    check(::fsync(entries.get()) == 0 || errno == EINVAL); // a file system that knows no such thing
+    return sync(entries.get());
 }
 
 mode_t permissions(const std::string &path, mode_t otherwise) noexcept
@@ -172,10 +216,12 @@ mode_t permissions(const std::string &path, mode_t otherwise) noexcept
     return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : otherwise;
 }
 
-bool is_regular(const std::string &path) noexcept
+bool is_regular(const std::string &path)
 {
     struct stat status;
-    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    const bool there = ::stat(path.c_str(), &status) == 0;
+    check(there || nothing_there());
+    return there && S_ISREG(status.st_mode);
 }
 
 bool is_folder(const std::string &path) noexcept

@@ -3,6 +3,7 @@
 
 #include "failure.hpp"
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -43,20 +44,37 @@ enum class access { read, write };
 /// Opens the regular file at path and waits for its lock, shared or exclusive; the lock goes with the descriptor.
 /// Access write makes the file if it is missing, with that mode less the umask.
 ///
-/// None if that can't be done. The lock is on the file that is at path then, not on one that was replaced meanwhile.
+/// None if there is no regular file, or no folder to make it in. The lock is on the file that is at path then, not on
+/// one that was replaced meanwhile.
 descriptor open_locked(const std::string &path, access how, mode_t create_mode = 0);
+
+/// Which file it is, whatever its name; zeros: none.
+struct file_id {
+    dev_t device;
+    ino_t inode;
+};
+file_id id_of(const descriptor &file);
+file_id id_at(const std::string &path) noexcept;
 
 std::string read_whole(const descriptor &file);
 void shorten(const descriptor &file, std::size_t length);
-void append(const descriptor &file, std::string_view text); // all of it, or the file stays as it was
+void append(const descriptor &file, std::string_view text); // all of it, and to the disk, or the file stays
 
 /// Replaces the file at path, or the file that a link there leads to, whose lock the caller has. Its mode stays.
-void replace(const std::string &path, const descriptor &locked, std::string_view content);
+///
+/// about_to  is called when everything is ready but for the renaming
+///
+/// False: the new file is in place, but it may not outlive a power cut.
+bool replace(
+    const std::string &path, const descriptor &locked, std::string_view content,
+    const std::function<void(file_id)> &about_to = [](file_id) {});
+
+std::string real_path(const std::string &path); // of what is there, links followed
 
 /// The permissions of what is at path, or otherwise if nothing is.
 mode_t permissions(const std::string &path, mode_t otherwise) noexcept;
 
-bool is_regular(const std::string &path) noexcept;
+bool is_regular(const std::string &path);
 bool is_folder(const std::string &path) noexcept;
 
 } // namespace libuci

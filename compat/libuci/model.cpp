@@ -125,6 +125,12 @@ section *package::find(std::string_view section_name) noexcept
 
 section &package::append(std::string_view section_type, std::string_view section_name)
 {
+    note_given(section_name);
+    return attach(section_type, section_name);
+}
+
+section &package::attach(std::string_view section_type, std::string_view section_name)
+{
     auto fresh = std::make_unique<section>(*this, section_type, section_name);
     link_before(uci_package::sections, fresh->e);
     ++sections_made;
@@ -134,9 +140,14 @@ section &package::append(std::string_view section_type, std::string_view section
 section &package::append_anonymous(std::string_view section_type)
 {
     const std::string generated = next_name(section_type);
-    section &fresh = append(section_type, generated);
+    section &fresh = attach(section_type, generated);
     fresh.anonymous = true;
     return fresh;
+}
+
+void package::note_given(std::string_view section_name) noexcept
+{
+    given_like_generated_ = given_like_generated_ || section_name.starts_with("cfg");
 }
 
 std::string package::next_name(std::string_view section_type)
@@ -144,7 +155,7 @@ std::string package::next_name(std::string_view section_type)
     char generated[32];
     do // somebody may have given a section the very name that is due
         std::snprintf(generated, sizeof generated, "cfg%02x%04x", sections_made + 1, type_hash(section_type));
-    while (find(generated) && ++sections_made);
+    while (given_like_generated_ && find(generated) && ++sections_made);
     return generated;
 }
 

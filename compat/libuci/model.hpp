@@ -75,12 +75,18 @@ struct package final : uci_package {
     section *find(std::string_view section_name) noexcept;
     section &append(std::string_view section_type, std::string_view section_name);
     section &append_anonymous(std::string_view section_type);
-    std::string next_name(std::string_view section_type); // of the anonymous section that is appended next
+    void note_given(std::string_view section_name) noexcept; // what is not named by next_name
+    std::string next_name(std::string_view section_type);    // of the anonymous section that is appended next
 
     std::string name;
     std::string path_text;
     std::string unsaved; // the lines that a save appends to the change file
     unsigned sections_made = 0;
+
+private:
+    section &attach(std::string_view section_type, std::string_view section_name);
+
+    bool given_like_generated_ = false; // a section has a name that may come to be due for another
 };
 
 struct context final : uci_context {

@@ -22,9 +22,20 @@ std::string change_path(std::string_view folder, const package &of)
     return std::string{folder} + '/' + of.name;
 }
 
-std::string saved_text(const descriptor &file)
+/// The end of those lines of a change file that are in that package file already.
+std::string in_place_comment(file_id file)
 {
-    return file ? read_whole(file) : std::string{};
+    return "# in inode " + std::to_string(file.inode) + " of device " + std::to_string(file.device) + '\n';
+}
+
+/// The lines of a change file that are not in that package file yet.
+std::string pending_lines(const descriptor &changes, file_id file)
+{
+    if (!changes)
+        return {};
+    std::string text = read_whole(changes);
+    text.erase(0, end_of_comment(text, in_place_comment(file)));
+    return text;
 }
 
 /// A package made from its locked file, not in the context yet, without any changes.
@@ -49,13 +60,14 @@ void drop(package *&at) noexcept
     at = nullptr;
 }
 
-/// The texts of the change files in the other directories than the save directory, which is the last of the list.
-std::vector<std::string> other_changes(context &ctx, const package &of)
+/// The pending lines of the change files in the other directories than the save directory, which is the last of the
+/// list.
+std::vector<std::string> other_changes(context &ctx, const package &of, file_id file)
 {
     std::vector<std::string> texts;
     for (text_element &folder : items{ctx.delta_path}) {
         if (folder.name != ctx.savedir)
-            texts.push_back(saved_text(open_locked(change_path(folder.text, of), access::read)));
+            texts.push_back(pending_lines(open_locked(change_path(folder.text, of), access::read), file));
     }
     return texts;
 }
@@ -85,8 +97,13 @@ descriptor own_changes(context &ctx, package &of)
     descriptor file = open_locked(path, access::write, permissions(of.path, UCI_FILEMODE));
     if (!file)
         throw failure{UCI_ERR_IO};
+    std::string text = read_whole(file);
+    if (end_of_comment(text, in_place_comment(id_at(of.path))) == text.size()) { // nothing is pending
+        shorten(file, 0);
+        text.clear();
+    }
     if (!of.unsaved.empty()) {
-        const auto [length, separator] = end_of_lines(read_whole(file));
+        const auto [length, separator] = end_of_lines(text);
         shorten(file, length);
         append(file, separator + of.unsaved);
         of.unsaved.clear();
@@ -94,13 +111,33 @@ descriptor own_changes(context &ctx, package &of)
     return file;
 }
 
-descriptor open_package(const package &which)
-{
-    descriptor file = open_locked(which.path, access::write, UCI_FILEMODE);
-    if (!file)
-        throw failure{UCI_ERR_IO};
-    return file;
-}
+/// A package's file, locked. One that had vanished is made, and removed again unless it is kept.
+class locked_package {
+public:
+    explicit locked_package(const package &which)
+    {
+        const bool vanished = !is_regular(which.path);
+        file_ = open_locked(which.path, access::write, UCI_FILEMODE);
+        if (!file_)
+            throw failure{UCI_ERR_IO};
+        if (vanished && read_whole(file_).empty())
+            made_ = real_path(which.path);
+    }
+    ~locked_package()
+    {
+        if (!made_.empty())
+            ::unlink(made_.c_str());
+    }
+    locked_package(const locked_package &) = delete;
+    locked_package &operator=(const locked_package &) = delete;
+
+    const descriptor &file() const noexcept { return file_; }
+    void keep() noexcept { made_.clear(); }
+
+private:
+    descriptor file_;
+    std::string made_;
+};
 
 /// Puts the package as its file and the changes have it in the place of the old one, which is gone even if that fails.
 /// Gives the number of lines that were applied.
@@ -118,9 +155,39 @@ std::size_t reload(context &ctx, package *&at, const descriptor &file, const std
     return applied;
 }
 
+/// Replaces the package file, and only then empties the change file, if there is one. Who is killed in between leaves
+/// a comment there that tells which package file has the lines. Whoever renames or reads has the change file's lock.
+void put_in_place(package &from, locked_package &locked, const descriptor &saved)
+{
+    const line_end end = saved ? end_of_lines(read_whole(saved)) : line_end{};
+    const auto announce = [&](file_id fresh) {
+        if (end.length == 0)
+            return;
+        shorten(saved, end.length);
+        try {
+            append(saved, end.separator + in_place_comment(fresh));
+        } catch (const failure &) { // a full disk is no reason not to commit
+        }
+    };
+    bool on_disk = false;
+    try {
+        on_disk = replace(from.path, locked.file(), package_text(from), announce);
+    } catch (...) {
+        if (end.length > 0)
+            shorten(saved, end.length);
+        throw;
+    }
+    locked.keep();
+    from.unsaved.clear();
+    if (saved)
+        shorten(saved, 0);
+    if (!on_disk)
+        throw failure{UCI_ERR_IO};
+}
+
 void overwrite_file(context &ctx, package &from)
 {
-    const descriptor file = open_package(from);
+    locked_package locked{from};
     const std::string path = change_path(ctx.savedir, from);
     descriptor saved;
     if (from.has_delta && is_regular(path)) {
@@ -128,10 +195,7 @@ void overwrite_file(context &ctx, package &from)
         if (!saved)
             throw failure{UCI_ERR_IO};
     }
-    replace(from.path, file, package_text(from));
-    from.unsaved.clear();
-    if (saved)
-        shorten(saved, 0);
+    put_in_place(from, locked, saved);
 }
 
 } // namespace
@@ -145,11 +209,9 @@ package &load(context &ctx, const std::string &name)
         throw failure{UCI_ERR_INVAL};
     const std::string path = by_path ? name : std::string{ctx.confdir} + '/' + name;
     const std::string package_name = by_path ? name.substr(name.rfind('/') + 1) : name;
-    if (!is_regular(path))
-        throw failure{UCI_ERR_NOTFOUND};
     const descriptor file = open_locked(path, access::read);
     if (!file)
-        throw failure{UCI_ERR_IO};
+        throw failure{UCI_ERR_NOTFOUND};
     if (ctx.find(package_name))
         throw failure{UCI_ERR_DUPLICATE};
 
@@ -157,7 +219,8 @@ package &load(context &ctx, const std::string &name)
     fresh->has_delta = !by_path;
     if (fresh->has_delta) {
         for (text_element &folder : items{ctx.delta_path})
-            apply_lines(*fresh, saved_text(open_locked(change_path(folder.text, *fresh), access::read)));
+            apply_lines(*fresh,
+                        pending_lines(open_locked(change_path(folder.text, *fresh), access::read), id_of(file)));
     }
     return enlist(ctx, std::move(fresh));
 }
@@ -174,24 +237,26 @@ void commit(context &ctx, package *&at, bool overwrite)
 {
     if (overwrite || !at->has_delta)
         return overwrite_file(ctx, *at);
-    const descriptor file = open_package(*at);
-    std::vector<std::string> changes = other_changes(ctx, *at);
+    locked_package locked{*at};
+    const file_id id = id_of(locked.file());
+    std::vector<std::string> changes = other_changes(ctx, *at, id);
     const descriptor saved = own_changes(ctx, *at);
-    changes.push_back(saved_text(saved));
-    if (reload(ctx, at, file, changes) == 0)
-        return;
-    replace(at->path, file, package_text(*at));
-    if (saved) // only now: as long as the package isn't in place, the changes must be
-        shorten(saved, 0);
+    changes.push_back(pending_lines(saved, id));
+    if (reload(ctx, at, locked.file(), changes) == 0)
+        return locked.keep();
+    put_in_place(*at, locked, saved);
 }
 
 void revert(context &ctx, package *&at, const std::string &section_name, const std::string &option_name)
 {
     {
         const descriptor saved = own_changes(ctx, *at);
-        if (saved)
-            replace(change_path(ctx.savedir, *at), saved,
-                    lines_without(at->name, read_whole(saved), section_name, option_name));
+        if (saved) {
+            const std::string rest =
+                lines_without(at->name, pending_lines(saved, id_at(at->path)), section_name, option_name);
+            if (!replace(change_path(ctx.savedir, *at), saved, rest))
+                throw failure{UCI_ERR_IO};
+        }
     }
     const std::string name = at->name;
     drop(at);

@@ -8,6 +8,7 @@
 #include "text.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -111,9 +112,17 @@ std::pair<bool, std::vector<std::string>> package_names(const char *folder)
 {
     std::pair<bool, std::vector<std::string>> result{};
     const std::unique_ptr<DIR, closes_folder> entries{::opendir(folder)};
+    if (!entries && errno != ENOENT && errno != ENOTDIR)
+        throw failure{errno == ENOMEM ? UCI_ERR_MEM : UCI_ERR_IO};
     if (!entries)
         return result;
-    while (const dirent *entry = ::readdir(entries.get())) {
+    for (;;) {
+        errno = 0;
+        const dirent *entry = ::readdir(entries.get());
+        if (!entry && errno != 0)
+            throw failure{UCI_ERR_IO};
+        if (!entry)
+            break;
         struct stat status;
         result.first = result.first || entry->d_name[0] != '.';
         if (is_package_name(entry->d_name) && ::fstatat(::dirfd(entries.get()), entry->d_name, &status, 0) == 0 &&
