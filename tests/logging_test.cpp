@@ -3,6 +3,7 @@
 #include "logging.h"
 
 #include <cerrno>
+#include <thread>
 
 #include <syslog.h>
 #include <unistd.h>
@@ -76,6 +77,16 @@ TEST_F(logging, survives_a_huge_text_and_no_socket)
     closelog();
     unlink("/dev/log");
     EXPECT_EQ(log_through(libvandrel_logcontext, "nobody listens"), 0);
+}
+
+TEST_F(logging, full_socket_makes_the_sender_wait_and_loses_nothing)
+{
+    std::thread sender{[] {
+        for (int i = 0; i < 1000; ++i)
+            log_through(libvandrel_logcontext, "text");
+    }};
+    EXPECT_EQ(log(1000), records(1000, error("text", "zones.c")));
+    sender.join();
 }
 
 TEST_F(logging, refused_memory_costs_at_most_the_record_or_a_tag)

