@@ -38,8 +38,7 @@ TEST_F(netinfo, default_route_with_a_gateway_is_among_the_first_five)
 {
     run(topology);
     run("ip route add default dev br-lan"); // without one
-    EXPECT_EQ(default_route(), no_route);
-    EXPECT_EQ(netinfo_get_bearer_type(), NETINFO_BEARER_UNKNOWN);
+    EXPECT_TRUE(default_route() == no_route && netinfo_get_bearer_type() == NETINFO_BEARER_UNKNOWN);
     EXPECT_EQ(log(), records{warn("Could not get network interface")});
     run("ip route add default via 192.168.1.9 metric 5");
     EXPECT_EQ(default_route(), "1 br-lan#192.168.1.9");
@@ -84,18 +83,14 @@ TEST_F(netinfo, lans_are_listed_found_and_routed)
                "config interface wan2\n option type bridge\nconfig interface guest\n list type bridge\n"
                "config alias lan3\n option type bridge\nconfig interface lan2\n option type bridge\n"
                " option proto none\n option ipaddr 10.1.1.1\nconfig interface sixteen_letters_\n option type bridge\n"
-               " option ipaddr 10.2.3.4\n option netmask bad\n option ifname wlan0\n"
-               "config interface lan5\n option type bridge\n list proto none\n list ipaddr 10.1.1.1\n"
-               " list netmask 255.0.0.0\n list ifname eth0\n");
+               " option ipaddr 10.2.3.4\n option netmask bad\n option ifname wlan0\n");
     const netinfo_lan want[] = {{"lan", "br-lan", "eth0.1", "lan1", 0xC0A80101, 0xFFFFFF00},
                                 {"lan2", "br-lan2", "", "", 0, 0},
-                                {"sixteen_letters", "br-sixteen_lett", "wlan0", "", 0x0A020304, 0xFFFFFFFF},
-                                {"lan5", "br-lan5", "", "", 0, 0}};
+                                {"sixteen_letters", "br-sixteen_lett", "wlan0", "", 0x0A020304, 0xFFFFFFFF}};
     EXPECT_EQ(netinfo_get_lans(&lans, &count), 1);
-    EXPECT_EQ(log(),
-              (records{call, warn("Failed to get IP address for br-sixteen_lett"),
-                       error("Too long LAN prefix name", "netutil.c"), warn("Failed to get IP address for br-lan5")}));
-    ASSERT_EQ(count, 4);
+    EXPECT_EQ(log(), (records{call, warn("Failed to get IP address for br-sixteen_lett"),
+                              error("Too long LAN prefix name", "netutil.c")}));
+    ASSERT_EQ(count, 3);
     EXPECT_EQ(std::memcmp(lans, want, sizeof want), 0);
     EXPECT_TRUE(netinfo_find_by_portname(lans, 3, "") == lans + 1 && !netinfo_find_by_portname(lans, 0, "lan1"));
     EXPECT_TRUE(netinfo_find_by_ifname(lans, 3, "br-lan2") == lans + 1 && !netinfo_find_by_ifname(lans, 3, "eth0.1"));
@@ -105,24 +100,21 @@ TEST_F(netinfo, lans_are_listed_found_and_routed)
     EXPECT_TRUE(netinfo_get_route(&network, &netmask, table, lans) == 1 && network == 0x0A0A0100);
     lans[0].netmask = 0;
     lans[1].netmask = 0xFFFF0000;
-    EXPECT_EQ(netinfo_get_route(&network, &netmask, nullptr, lans + 1) +
-                  netinfo_get_route(&network, &netmask, nullptr, lans),
-              0);
+    for (const int i : {0, 1})
+        EXPECT_EQ(netinfo_get_route(&network, &netmask, nullptr, lans + i), 0);
     EXPECT_TRUE(network == 0x0A0A0100 && netmask == 0xFFFFFF00);
-    EXPECT_EQ(log(), (records{warn("No IP or netmask for br-lan2"), warn("No IP or netmask for br-lan")}));
+    EXPECT_EQ(log(), (records{warn("No IP or netmask for br-lan"), warn("No IP or netmask for br-lan2")}));
     free(lans);
 
     const auto bytes = __sanitizer_get_current_allocated_bytes();
     const int descriptors = open_descriptors();
-    for (int i = 0; i < 2000; ++i) {
-        EXPECT_EQ(netinfo_get_lans(&lans, &count) + netinfo_get_my_lan_ip(std::string(16, ' ').data()), 2);
-        EXPECT_EQ(netinfo_get_default_route(nullptr, &network), 0);
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(netinfo_get_lans(&lans, &count) + netinfo_get_default_route(nullptr, &network), 1);
         free(lans);
         free(netmap_load());
         log(); // whose queue is short
     }
-    EXPECT_EQ(__sanitizer_get_current_allocated_bytes(), bytes);
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_TRUE(__sanitizer_get_current_allocated_bytes() == bytes && open_descriptors() == descriptors);
 }
 
 TEST_F(netinfo, own_lan_address_is_looked_for_in_five_named_interfaces)

@@ -20,9 +20,8 @@ TEST_F(util, texts_are_compared_and_copied)
 {
     const auto sign = [](int value) { return (value > 0) - (value < 0); };
     const std::tuple<const char *, const char *, int, int, int> cases[] = {
-        {"a", "", 1, 1, 97},         {"ab", "ac", -1, 0, -1},  {"ETH0", "eth0", -1, -1, 0},
-        {"eth", "eth0", -1, 0, -48}, {"\xE4", "z", 1, 1, 106}, {"_", "A", 1, 1, -2},
-        {nullptr, nullptr, 0, 0, 0}, {nullptr, "", 1, 1, 0},   {"", nullptr, 1, 1, 0}};
+        {"ab", "ac", -1, 0, -1},     {"ETH0", "eth0", -1, -1, 0}, {"\xE4", "z", 1, 1, 106}, {"_", "A", 1, 1, -2},
+        {nullptr, nullptr, 0, 0, 0}, {nullptr, "", 1, 1, 0},      {"", nullptr, 1, 1, 0}};
     for (const auto &[a, b, whole, first, either_case] : cases) {
         EXPECT_TRUE(sign(safestrcmp(a, b)) == whole && sign(safestrncmp(a, b, 1)) == first) << a << b;
         EXPECT_TRUE(sign(safememcmp(a, 1, b)) == first && (!a || !b || __stricmp(a, b) == either_case)) << a << b;
@@ -66,9 +65,9 @@ TEST_F(util, numbers_are_whole_and_in_range)
 TEST_F(util, files_are_looked_at_and_read)
 {
     const std::tuple<const char *, int, int, int, const char *> cases[] = {
-        {"abc\r\nnext", 8, 1, 3, "abc"}, {"a\n\r\n", 8, 1, 1, "a"},      {"\n", 8, 1, 0, ""},
-        {"abcdef", 4, 1, 3, "abc"},      {"a\rb\n", 8, 1, 3, "a\rb"},    {"", 8, 1, 0, "xxxxxx"},
-        {"abcdef", 4, 0, 4, "abcdxx"},   {"a\r\n", 8, 0, 3, "a\r\nxxx"}, {"abc", -1, 0, 0, "xxxxxx"}};
+        {"abc\r\nnext", 8, 1, 3, "abc"}, {"a\n\r\n", 8, 1, 1, "a"},     {"abcdef", 4, 1, 3, "abc"},
+        {"", 8, 1, 0, "xxxxxx"},         {"abcdef", 4, 0, 4, "abcdxx"}, {"a\r\n", 8, 0, 3, "a\r\nxxx"},
+        {"abc", -1, 0, 0, "xxxxxx"}};
     char buffer[8], *block = nullptr;
     for (const auto &[content, size, mode, want, left] : cases) {
         write_file("/tmp/file", content);
@@ -109,21 +108,23 @@ TEST_F(util, directories_are_made_with_those_above)
 
 TEST_F(util, command_gives_its_output_and_its_end)
 {
-    const std::tuple<const char *, size_t, int, const char *> cases[] = {
-        {"while :; do echo hi; done", 4, 3, "hi\n"}, {"echo hi", 3, 2, "hi"}, {"echo hi", 4, 0, "hi\n"},
-        {"printf ab; exec >&-; exit 0", 8, 0, "ab"}, {"echo hi", 1, 2, ""},   {"exit 3", 8, 1, ""},
-        {"printf ab; kill -KILL $$", 8, 1, "ab"},    {nullptr, 4, 4, ""},     {"", 4, 0, ""}};
+    const std::tuple<const char *, size_t, int, const char *> cases[] = {{"while :; do echo hi; done", 4, 3, "hi\n"},
+                                                                         {"echo hi", 3, 2, "hi"},
+                                                                         {"echo hi", 4, 0, "hi\n"},
+                                                                         {"printf ab; exec >&-; exit 0", 8, 0, "ab"},
+                                                                         {"exit 3", 8, 1, ""},
+                                                                         {"printf ab; kill -KILL $$", 8, 1, "ab"},
+                                                                         {nullptr, 4, 4, ""},
+                                                                         {"", 4, 0, ""}};
     const int descriptors = open_descriptors();
     std::string buffer(3000001, 'x');
     EXPECT_EQ(vd_run_command_simple("yes | head -c 3000000", buffer.data(), buffer.size()), 0);
     EXPECT_EQ(std::strlen(buffer.data()), 3000000U);
-    sigset_t broken_pipe;
-    sigemptyset(&broken_pipe);
-    sigaddset(&broken_pipe, SIGPIPE);
-    for (const auto &[handling, blocking] :
-         {std::pair{SIG_DFL, SIG_UNBLOCK}, {SIG_IGN, SIG_UNBLOCK}, {SIG_DFL, SIG_BLOCK}}) {
+    sigset_t signals;
+    sigfillset(&signals);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr); // a command gets neither this nor how the caller handles SIGPIPE
+    for (const auto &handling : {SIG_DFL, SIG_IGN}) {
         std::signal(SIGPIPE, handling);
-        pthread_sigmask(blocking, &broken_pipe, nullptr);
         for (const auto &[command, size, want, output] : cases) {
             buffer.assign(size, 'x');
             EXPECT_EQ(vd_run_command_simple(command, buffer.data(), size), want) << command << size;
@@ -143,22 +144,20 @@ TEST_F(util, command_gives_its_output_and_its_end)
 
 TEST_F(util, common_names_are_found_told_apart_and_translated)
 {
-    for (const char *name : {"token", "Token-1", "vd-vpnclientX", "vd-vpnserver", static_cast<const char *>(nullptr)})
+    for (const char *name : {"token", "Token-1", "vd-vpnclientX", static_cast<const char *>(nullptr)})
         EXPECT_EQ(vpn_type_get_by_common_name(name), PEER_TYPE_UNKNOWN) << name;
     EXPECT_EQ(vpn_type_get_by_common_name("token-1A2B"), PEER_TYPE_TOKEN);
     EXPECT_EQ(vpn_type_get_by_common_name("vd-vpnserver-0") + 3 * vpn_type_get_by_common_name("vd-vpnclient-0"), 7);
     char name[28] = "xxxxxxxxxxxxxxxxxxxxxxxxxxx";
     const std::string digits = "012345678901234567890123456789";
     EXPECT_TRUE(extract_cn_from_path(("/a.b/" + digits).c_str(), name) == 0 && name == digits.substr(0, 26));
-    EXPECT_TRUE(extract_cn_from_path("token-1.2.json", name) == 0 && name == std::string{"token-1"} &&
-                name[25] == '\0');
-    EXPECT_TRUE(extract_cn_from_path("dir/", name) == 0 && name[0] == '\0' &&
-                extract_cn_from_path(nullptr, name) == -1);
+    EXPECT_TRUE(extract_cn_from_path("token-1.2.json", name) == 0 && std::memcmp(name, "token-1\0", 8) == 0);
+    EXPECT_TRUE(extract_cn_from_path("dir/", name) == 0 && !*name && extract_cn_from_path(nullptr, name) == -1);
     EXPECT_EQ(log(), records{error("basename is null", "util.c")});
     const std::tuple<const char *, int, const char *> cases[] = {
-        {"vd-vpnclient-1", 1, "vd-vpnserver-1"}, {"tokenXYZ", 1, "tokenXYZ"},
-        {"vd-vpnclient-1", 2, "vd-vpnclient-1"}, {"", 1, "Invalid common name "},
-        {"vd-vpnserverX", 2, "vd-vpnclientX"},   {nullptr, 0, "Missing arguments"},
+        {"vd-vpnclient-1", 1, "vd-vpnserver-1"}, {"vd-vpnserverX", 2, "vd-vpnclientX"},
+        {"vd-vpnclient-1", 2, "vd-vpnclient-1"}, {"tokenXYZ", 1, "tokenXYZ"},
+        {"", 1, "Invalid common name "},         {nullptr, 0, "Missing arguments"},
         {"token-", 3, "Invalid output_type 3"},  {"no", 0, "Invalid output_type 0"}};
     for (const auto &[common_name, type, want] : cases) {
         strlcpy(name, "untouched", sizeof name);
@@ -166,8 +165,6 @@ TEST_F(util, common_names_are_found_told_apart_and_translated)
         EXPECT_STREQ(name, translated ? want : "untouched") << type;
         EXPECT_EQ(log(), translated ? records{} : records{warning(want, "util.c")});
     }
-    EXPECT_NE(translate_common_name(nullptr, "token-", 1), 1);
-    EXPECT_EQ(log(), records{warning("Missing arguments", "util.c")});
     EXPECT_TRUE(parse_ip("10.1") == 0x0A000001 && parse_ip_free(strdup("10.2")) == 0x0A000002 && log().size() == 2);
 }
 
