@@ -305,8 +305,10 @@ line_end end_of_lines(std::string_view content)
     }
     // after a backslash, a line feed only continues the line
     bool continued = false;
-    for (const char *end : {"\\", "\\\r", "\\\n", "\\\r\n"})
+    for (const char *end : {"\\", "\\\n", "\\\r\n"})
         continued = continued || content.ends_with(end);
+    if (content.ends_with("\\\r")) // so the carriage return stays one, and the line can end
+        return {content.size(), "''\n"};
     const bool ended = content.empty() || content.ends_with('\n');
     return {content.size(), continued ? "\n\n" : ended ? "" : "\n"};
 }
