@@ -154,9 +154,8 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
         EXPECT_EQ(descriptors, (std::set<text>{"0/dev/null", "1/dev/null", "2/dev/null"}));
         EXPECT_TRUE(getsid(pid) == getpgid(pid) && getsid(pid) != pid);
         end(SIGCONT);
-        const auto lines = raw_log(2);
-        ASSERT_EQ(lines.size(), 2U);
-        EXPECT_TRUE(lines[1].find(" test[") != text::npos && lines[1].ends_with(": note; filename='x.c:2'"));
+        const text line = raw_log(2).at(1);
+        EXPECT_TRUE(line.find(" test[") != text::npos && line.ends_with(": note; filename='x.c:2'")) << line;
     }
 }
 
@@ -188,7 +187,6 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
             EXPECT_TRUE(status(pid, "Name") == name && forks == 2 && log().empty()) << ids;
         }
     }
-    EXPECT_EQ(vd_set_process_uid_and_gid_by_names(nullptr, nullptr, false), 0);
 }
 
 TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
@@ -211,7 +209,6 @@ TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
         {kept, hold("cap_setuid=ep"), -21, -7, 0, as_root, "Unable to set group id to 1002 (name 'agent')", EPERM},
         {as("none", "agent"), nothing, -21, -5, 0, half, "Didn't find user 'none' for setting process user id", -1},
         {plain, hold("cap_setgid=ep"), -21, -6, 0, half, "Unable to set user id to 1001 (name 'agent')", EPERM},
-        {list, deny(SYS_capget, EPERM), -22, 0, 0, as_agent, "cap_get_proc() failed", -1},
         {empty, nothing, -23, 0, 0, as_agent, "cap_set_flag() with CAP_PERMITTED failed", -1},
         {list, hold("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, 0, as_agent, "cap_set_proc() failed", EPERM},
         {plain, deny(SYS_clone, EAGAIN), -1, 0, 0, as_agent, "Error, cannot fork, " + again, EAGAIN},

@@ -9,8 +9,6 @@
 #include <arpa/inet.h>
 #include <sys/mount.h>
 
-extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
-
 namespace {
 
 class netinfo : public device_test {
@@ -77,6 +75,7 @@ TEST_F(netinfo, lans_are_listed_found_and_routed)
     EXPECT_TRUE(netinfo_get_lans(&lans, &count) == 1 && !lans && count == 0);
     const record call = info("netinfo_get_lans", "netinfo.c");
     EXPECT_EQ(log(), (records{call, error("Failed loading package network: Entry not found", "uciconfig.c"), call}));
+    const int descriptors = open_descriptors();
     run(topology);
     write_file("/etc/config/network",
                "config interface lan\n option type bridge\n option ifname 'eth0.1 eth1'\n option ipaddr 10.9.9.9\n"
@@ -104,17 +103,8 @@ TEST_F(netinfo, lans_are_listed_found_and_routed)
         EXPECT_EQ(netinfo_get_route(&network, &netmask, nullptr, lans + i), 0);
     EXPECT_TRUE(network == 0x0A0A0100 && netmask == 0xFFFFFF00);
     EXPECT_EQ(log(), (records{warn("No IP or netmask for br-lan"), warn("No IP or netmask for br-lan2")}));
+    EXPECT_EQ(open_descriptors(), descriptors);
     free(lans);
-
-    const auto bytes = __sanitizer_get_current_allocated_bytes();
-    const int descriptors = open_descriptors();
-    for (int i = 0; i < 1000; ++i) {
-        EXPECT_EQ(netinfo_get_lans(&lans, &count) + netinfo_get_default_route(nullptr, &network), 1);
-        free(lans);
-        free(netmap_load());
-        log(); // whose queue is short
-    }
-    EXPECT_TRUE(__sanitizer_get_current_allocated_bytes() == bytes && open_descriptors() == descriptors);
 }
 
 TEST_F(netinfo, own_lan_address_is_looked_for_in_five_named_interfaces)
@@ -130,8 +120,7 @@ TEST_F(netinfo, own_lan_address_is_looked_for_in_five_named_interfaces)
     for (const auto &[happens, want] : steps) {
         run(happens);
         char buffer[16] = "";
-        EXPECT_EQ(netinfo_get_my_lan_ip(buffer), want.empty() ? 0 : 1) << happens;
-        EXPECT_EQ(buffer, want) << happens;
+        EXPECT_TRUE(netinfo_get_my_lan_ip(buffer) == !want.empty() && buffer == want) << happens;
     }
     EXPECT_EQ(netinfo_get_my_lan_ip(nullptr), 0);
     EXPECT_EQ(log(), (records{warn("Failed to get IP address for eth1"), warn("Failed to get IP address for eth1")}));

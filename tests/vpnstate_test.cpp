@@ -135,7 +135,6 @@ TEST_F(vpnstate, many_files_are_searched_for_activity_and_for_an_interface)
     write_file(directory + std::string(32, 'n'), "{}"); // a name is cut after 31 characters
     EXPECT_EQ(vpnstate_get_common_name(cn, "tun3"), 1);
     EXPECT_EQ(warned(), "Opening VPN state JSON file failed;Loading vpn state failed;");
-    std::filesystem::remove(directory + std::string(32, 'n'));
     const int descriptors = open_descriptors();
     write_file(directory + "up.json", R"({"dev": ""})");
     EXPECT_TRUE(vpnstate_is_any_active() == 1 && open_descriptors() == descriptors);
