@@ -9,6 +9,8 @@
 #include <sys/mount.h>
 #include <uci.h>
 
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+
 namespace {
 
 constexpr char settings[] = "/etc/config/vandrel", network[] = "/etc/config/network", changes[] = "/tmp/.uci/vandrel";
@@ -59,7 +61,11 @@ TEST_F(uciconfig, lookup_gives_text_or_joined_items_is_silent_about_the_rest_and
         EXPECT_EQ(config_lookup("%s", path), nullptr) << path;
     EXPECT_TRUE(!config_get_section_setting(none, "settings", "f") && !config_get_setting(none) &&
                 !config_lookup(none, 1));
-    EXPECT_TRUE(log().empty() && open_descriptors() == descriptors);
+    EXPECT_EQ(log(), records{});
+    const auto bytes = __sanitizer_get_current_allocated_bytes();
+    for (int i = 0; i < 5000; ++i)
+        free(i % 5 == 0 ? state_lookup("vandrel.settings.t") : config_lookup("vandrel.settings.%c", "egtx"[i % 4]));
+    EXPECT_TRUE(__sanitizer_get_current_allocated_bytes() == bytes && open_descriptors() == descriptors);
     for (const char *library : {"libuci.so", "libvandrel.so"}) {
         const allocation_refusal refuse{1, library};
         EXPECT_EQ(config_get_setting("g"), nullptr);
