@@ -218,8 +218,8 @@ int uci_save(struct uci_context *ctx, struct uci_package *p);
  *            NULL afterwards when the package could not be read again
  * overwrite  true writes the package as it is in memory, whatever is in its file by now; p then stays valid
  *
- * The file is replaced as a whole or not at all; on failure the saved changes stay saved. Only when the disk fails after
- * the replacing, UCI_ERR_IO leaves the new file in place and the change file empty.
+ * The file is replaced as a whole or not at all; on failure the saved changes stay saved. Only when the disk fails
+ * after the replacing, UCI_ERR_IO leaves the new file in place and the change file empty.
  */
 int uci_commit(struct uci_context *ctx, struct uci_package **p, bool overwrite);
 
