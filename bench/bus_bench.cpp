@@ -31,7 +31,7 @@ namespace {
 
 constexpr char name[] = "bench";
 constexpr char socket_path[] = "/var/run/vandrel/ipc_bench.sock";
-constexpr int repeats = 7;
+constexpr int repeats = 21;
 
 /// A client process with some connections and a server process play rounds. The client begins one by sending messages,
 /// spread over its connections ("client"), or the server by sending one to each connection ("server"); when all of it
