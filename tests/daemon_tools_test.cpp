@@ -209,6 +209,7 @@ TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
         {kept, hold("cap_setuid=ep"), -21, -7, 0, as_root, "Unable to set group id to 1002 (name 'agent')", EPERM},
         {as("none", "agent"), nothing, -21, -5, 0, half, "Didn't find user 'none' for setting process user id", -1},
         {plain, hold("cap_setgid=ep"), -21, -6, 0, half, "Unable to set user id to 1001 (name 'agent')", EPERM},
+        {list, deny(SYS_capget, EPERM), -22, 0, 0, as_agent, "cap_get_proc() failed", -1},
         {empty, nothing, -23, 0, 0, as_agent, "cap_set_flag() with CAP_PERMITTED failed", -1},
         {list, hold("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, 0, as_agent, "cap_set_proc() failed", EPERM},
         {plain, deny(SYS_clone, EAGAIN), -1, 0, 0, as_agent, "Error, cannot fork, " + again, EAGAIN},
