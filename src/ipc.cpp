@@ -54,7 +54,6 @@ constexpr mode_t socket_mode = 0770;
 
 using listener_handle = std::unique_ptr<evconnlistener, released_by<::evconnlistener_free>>;
 using event_handle = std::unique_ptr<event, released_by<::event_free>>;
-using tokener_handle = std::unique_ptr<json_tokener, released_by<::json_tokener_free>>;
 
 /// bufferevent_free closes the socket on a later turn of the loop only, which may never come; so it is closed here.
 void close_bufferevent(bufferevent *bev)
@@ -139,23 +138,25 @@ ipc_callback handler_of(std::string_view type, ipc_callback default_callback)
     return found != bus.callbacks.end() && found->second ? found->second : default_callback;
 }
 
-/// What json_tokener_parse makes of the text, which ends at its NUL or else with the body.
+/// What json_tokener_parse makes of the text, which ends at its NUL or else with the body. The tokener is kept only
+/// after a value that was complete before the end: any other text may leave its depth or half a character behind, which
+/// json_tokener_reset does not clear.
 json_handle parse_body(const char *body, std::size_t size)
 {
     if (!bus.tokener)
         bus.tokener.reset(json_tokener_new());
-    json_tokener *tokener = bus.tokener.get();
-    if (!tokener)
+    if (!bus.tokener)
         return nullptr;
-    json_handle message{json_tokener_parse_ex(tokener, body, static_cast<int>(strnlen(body, size)))};
-    if (json_tokener_get_error(tokener) == json_tokener_continue)
-        message.reset(json_tokener_parse_ex(tokener, "", 1));
-    const bool parsed = json_tokener_get_error(tokener) == json_tokener_success;
-    if (size > kept_tokener_bytes) // it would keep room for the longest text that it has seen
-        bus.tokener.reset();
-    else if (!parsed) // after success it is ready for the next one
-        json_tokener_reset(tokener);
-    return parsed ? std::move(message) : nullptr;
+    tokener_handle tokener = std::move(bus.tokener);
+    json_handle message{json_tokener_parse_ex(tokener.get(), body, static_cast<int>(strnlen(body, size)))};
+    if (json_tokener_get_error(tokener.get()) == json_tokener_success) {
+        if (size <= kept_tokener_bytes) // it would keep room for the longest text that it has seen
+            bus.tokener = std::move(tokener);
+        return message;
+    }
+    if (json_tokener_get_error(tokener.get()) == json_tokener_continue)
+        message.reset(json_tokener_parse_ex(tokener.get(), "", 1));
+    return json_tokener_get_error(tokener.get()) == json_tokener_success ? std::move(message) : nullptr;
 }
 
 void dispatch(int fd, json_object *message, ipc_callback default_callback)

@@ -180,6 +180,26 @@ TEST_F(ipc_test, messages_reach_their_handler)
     EXPECT_EQ(heard, (strings{"default named 1", "named error 2", "default error 3"}));
 }
 
+TEST_F(ipc_test, no_body_changes_what_the_next_one_means)
+{
+    server();
+    const int garbage = peer().first;
+    const int other = peer().first;
+    const char *bodies[] = {R"({"a":{}/*)",       R"([[]/*)",
+                            R"("\ud83d\u)",       R"({"type":"\ud83d\)",
+                            R"({"type":"\ud83d)", R"({"a":[1,{"b":")",
+                            R"({"a":1e)",         R"({"a":{"b":1)",
+                            R"({} /*)",           "-"};
+    for (const char *body : bodies) {
+        heard.clear();
+        send(garbage, frame(body));
+        run();
+        send(other, message("vc-\\u0041lice", "[1,{\"b\":\"\\udc00\"}]"));
+        run();
+        EXPECT_EQ(heard, strings{"default vc-Alice [1,{\"b\":\"\xEF\xBF\xBD\"}]"}) << body;
+    }
+}
+
 TEST_F(ipc_test, frames_survive_every_cut)
 {
     server();
