@@ -158,9 +158,10 @@ long get_uptime_seconds(void);
  *  16  the shell itself could not be started.
  * Whenever output has room, it holds a text after the call, if only an empty one. Silent.
  *
- * There is no time limit: a command, and whatever it leaves behind with its standard output open, is waited for. It
- * shares the caller's standard input and standard error, and starts with the default action of SIGPIPE even where the
- * caller ignores or blocks that signal.
+ * There is no time limit: a command, and whatever it leaves behind with its standard output open, is waited for; a
+ * signal that the daemon handles meanwhile ends no wait and cuts nothing. A command shares the caller's standard input
+ * and standard error, and starts with the default action of SIGPIPE even where the caller ignores or blocks that
+ * signal.
  */
 int vd_run_command_simple(const char *command, char *output, size_t output_size);
 

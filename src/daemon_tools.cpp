@@ -2,7 +2,7 @@
 
 #include "handles.hpp"
 #include "log.hpp"
-#include "logging.hpp"
+#include "log_connection.hpp"
 
 #include <csignal>
 #include <cstdio>

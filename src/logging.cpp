@@ -1,7 +1,7 @@
 #include "logging.h"
 
 #include "handles.hpp"
-#include "logging.hpp"
+#include "log_connection.hpp"
 
 #include <cstdarg>
 #include <cstdlib>

@@ -3,13 +3,11 @@
 #include "handles.hpp"
 #include "ip_calculation.h"
 #include "log.hpp"
-#include "util.hpp"
+#include "shell_command.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,11 +17,8 @@
 #include <string_view>
 #include <utility>
 
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -87,53 +82,15 @@ long file_size(FILE *file)
     return size >= 0 && std::fseek(file, 0, SEEK_SET) == 0 ? size : -1;
 }
 
-using spawn_attributes = std::unique_ptr<posix_spawnattr_t, released_by<::posix_spawnattr_destroy>>;
-using spawn_actions = std::unique_ptr<posix_spawn_file_actions_t, released_by<::posix_spawn_file_actions_destroy>>;
-
-/// Starts the command with its standard output on fd; -1 when that fails. SIGPIPE has its default action there.
-pid_t spawn_shell(const char *command, int fd)
-{
-    sigset_t defaults;
-    sigset_t mask;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    sigdelset(&mask, SIGPIPE);
-
-    posix_spawnattr_t attributes_room;
-    if (posix_spawnattr_init(&attributes_room) != 0)
-        return -1;
-    const spawn_attributes attributes{&attributes_room};
-    posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    posix_spawnattr_setsigdefault(attributes.get(), &defaults);
-    posix_spawnattr_setsigmask(attributes.get(), &mask);
-
-    posix_spawn_file_actions_t actions_room;
-    if (posix_spawn_file_actions_init(&actions_room) != 0)
-        return -1;
-    const spawn_actions actions{&actions_room};
-    if (posix_spawn_file_actions_adddup2(actions.get(), fd, STDOUT_FILENO) != 0)
-        return -1;
-
-    const std::array arguments{const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command),
-                               static_cast<char *>(nullptr)};
-    pid_t pid;
-    return posix_spawn(&pid, "/bin/sh", actions.get(), attributes.get(), arguments.data(), environ) == 0 ? pid : -1;
-}
-
 /// Reads what fits into output, ends it with a NUL and says whether it was cut.
-bool read_output(FILE *pipe, char *output, std::size_t size)
+bool read_output(shell_command &command, char *output, std::size_t size)
 {
-    const std::size_t length = std::fread(output, 1, size, pipe);
-    if (length < size) {
-        output[length] = '\0';
-        return false;
-    }
-    std::fgetc(pipe); // one byte more is taken, so a command that prints no more than that lives to its own end
+    const std::size_t length = command.read(output, size);
     if (size == 0)
         return false;
-    output[size - 1] = '\0';
-    return true;
+    const bool is_cut = length == size;
+    output[is_cut ? size - 1 : length] = '\0';
+    return is_cut;
 }
 
 constexpr std::string_view server_role = "vd-vpnserver", client_role = "vd-vpnclient";
@@ -144,36 +101,6 @@ bool begins_with(const char *text, std::string_view prefix)
 }
 
 } // namespace
-
-namespace vandrel {
-
-shell_command::shell_command(const char *command)
-{
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0)
-        return;
-    unique_fd reading{ends[0]};
-    const unique_fd writing{ends[1]};
-    stream_handle output{fdopen(reading.get(), "r")};
-    if (!output)
-        return;
-    static_cast<void>(reading.release());
-    pid_ = spawn_shell(command, writing.get());
-    if (pid_ > 0)
-        output_ = std::move(output);
-}
-
-int shell_command::wait()
-{
-    output_.reset();
-    int status = -1;
-    if (pid_ > 0 && uninterrupted([&] { return waitpid(pid_, &status, 0); }) != pid_)
-        status = -1; // somebody else has it: a handler of the daemon, or the kernel where SIGCHLD is ignored
-    pid_ = -1;
-    return status;
-}
-
-} // namespace vandrel
 
 int safestrcmp(const char *a, const char *b)
 {
@@ -348,9 +275,9 @@ int vd_run_command_simple(const char *command, char *output, size_t output_size)
     if (!output && output_size != 0)
         return output_missing;
     shell_command running{command};
-    if (!running.output())
+    if (!running.has_started())
         return shell_missing;
-    int flags = output && read_output(running.output(), output, output_size) ? output_cut : 0;
+    int flags = output && read_output(running, output, output_size) ? output_cut : 0;
     if (running.wait() != 0)
         flags |= command_failed;
     return flags;

@@ -6,8 +6,8 @@
 #include "log.hpp"
 #include "mac.h"
 #include "paths.hpp"
+#include "shell_command.hpp"
 #include "util.h"
-#include "util.hpp"
 #include "zone_model.hpp"
 
 #include <algorithm>
@@ -475,14 +475,13 @@ uint8_t ask_schedule(int32_t id)
 {
     char command[command_size];
     std::snprintf(command, sizeof command, schedule_command_format, id);
-    const shell_command running{command};
-    if (!running.output()) {
+    shell_command running{command};
+    if (!running.has_started()) {
         log_error("ERROR: cannot popen schedule check command");
         return 1;
     }
     char answer[answer_length + 1] = {};
-    if (std::fread(answer, 1, answer_length, running.output()) == answer_length)
-        std::fgetc(running.output()); // a script that prints one character more still ends by itself
+    running.read(answer, answer_length);
     return safestrncmp(answer, "true", 4) == 0 ? 1 : 0;
 }
 

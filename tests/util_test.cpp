@@ -138,6 +138,14 @@ TEST_F(util, command_gives_its_output_and_its_end)
     EXPECT_TRUE(std::labs(get_uptime() - std::stol(read_file("/proc/uptime"))) <= 1 && get_uptime_seconds() == -1);
 }
 
+TEST_F(util, signals_cut_nothing_of_an_output)
+{
+    const interruptions while_it_runs;
+    char output[8] = "";
+    EXPECT_EQ(vd_run_command_simple("printf tr; sleep 0.1; printf ue", output, sizeof output), 0);
+    EXPECT_STREQ(output, "true");
+}
+
 TEST_F(util, common_names_are_found_told_apart_and_translated)
 {
     for (const char *name : {"token", "Token-1", "vd-vpnclientX", static_cast<const char *>(nullptr)})

@@ -347,6 +347,14 @@ TEST_F(zones_test, schedules)
     EXPECT_EQ(log(), records(2, error("ERROR: cannot popen schedule check command", "zones.c")));
 }
 
+TEST_F(zones_test, signals_cut_nothing_of_a_schedule)
+{
+    set_zones("{'1':{'members':{" + p_and_a + "}}}");
+    write_script(script, "#!/bin/sh\nprintf tr; sleep 0.1; printf ue");
+    const interruptions while_it_runs;
+    EXPECT_EQ(zones_update_schedule_access(), 1);
+}
+
 TEST_F(zones_test, answers_and_their_records)
 {
     set_members("'p':{'type':'serialization','direction':'both'},'a':{'type':'port','direction':'out'}");

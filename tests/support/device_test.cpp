@@ -3,6 +3,7 @@
 #include "logging.h"
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +12,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -126,4 +128,18 @@ int open_descriptors()
 {
     const std::filesystem::directory_iterator listing{"/proc/self/fd"}; // is one of them while it counts
     return static_cast<int>(std::distance(begin(listing), end(listing))) - 1;
+}
+
+interruptions::interruptions()
+{
+    struct sigaction handling {};
+    handling.sa_handler = [](int) {};
+    sigaction(SIGALRM, &handling, nullptr);
+    const itimerval often{{0, 5000}, {0, 5000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+interruptions::~interruptions()
+{
+    setitimer(ITIMER_REAL, nullptr, nullptr);
 }

@@ -49,6 +49,15 @@ void write_script(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path); // empty when there is none
 int open_descriptors();                         // how many the process has
 
+/// While it lives, a signal whose handler lacks SA_RESTART arrives every few milliseconds.
+class interruptions {
+public:
+    interruptions();
+    ~interruptions();
+    interruptions(const interruptions &) = delete;
+    interruptions &operator=(const interruptions &) = delete;
+};
+
 /// While it lives, the n-th allocation (from 1) that the library makes itself, and only that one, is refused.
 class allocation_refusal {
 public:

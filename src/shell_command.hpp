@@ -1,7 +1,9 @@
-// What util.cpp shares with other modules.
+// Running a command line through the shell.
 #pragma once
 
 #include "handles.hpp"
+
+#include <cstddef>
 
 #include <sys/types.h>
 
@@ -16,13 +18,18 @@ public:
     shell_command &operator=(const shell_command &) = delete;
     ~shell_command() { wait(); }
 
-    FILE *output() const { return output_.get(); } // null when it could not be started
+    bool has_started() const noexcept { return pid_ > 0; }
+
+    /// Reads up to size bytes of what the command prints, whatever signals come meanwhile, and says how many there
+    /// were. Where there are that many, one more is taken and dropped, so a command that prints no more lives to its
+    /// own end.
+    std::size_t read(char *output, std::size_t size);
 
     /// Closes the output and waits for the end. Gives the status as waitpid has it, or -1 when that is not to be had.
     int wait();
 
 private:
-    stream_handle output_;
+    unique_fd output_;
     pid_t pid_ = -1;
 };
 
