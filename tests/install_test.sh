@@ -54,7 +54,7 @@ through_pkg_config() { # COMPILER SOURCE
 }
 
 through_cmake() { # LANGUAGE
-    cmake -S . -B build -DCMAKE_PREFIX_PATH="$work/root" && cmake --build build --target "with_$1" && "build/with_$1"
+    cmake -G Ninja -S . -B build -DCMAKE_PREFIX_PATH="$work/root" && cmake --build build --target "with_$1" && "build/with_$1"
 }
 
 links_only_what_is_named() {
