@@ -3,7 +3,7 @@
  *
  * Unless an entry says otherwise, a function returns 1 for success or yes and 0 for failure or no. Addresses and
  * netmasks are IPv4 values in host order (0xC0A80101 is 192.168.1.1). The one thing kept between calls are the names of
- * netinfo_get_my_lan_ip: make its first call from one thread. All else may be used from several threads.
+ * netinfo_get_my_lan_ip. Every function may be used from several threads.
  */
 #ifndef VANDREL_NETINFO_H
 #define VANDREL_NETINFO_H

@@ -13,6 +13,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <span>
 #include <string_view>
 
@@ -41,9 +42,11 @@ constexpr std::size_t shortest_route_line = 10;
 constexpr char no_address[] = "00000000"; // of a destination or gateway
 
 /// Where netinfo_get_my_lan_ip looks, once lan_networks has given names: they point into its text, which is kept.
+/// From then on nothing is written here any more, so the names are read without the lock.
 struct {
+    std::mutex filling;
     std::array<const char *, max_lan_ifnames> my_lan_ifnames;
-    std::size_t count;
+    std::size_t count = 0;
 } state;
 
 uint32_t address_in(const ifreq &request)
@@ -136,6 +139,7 @@ void remember_lan_ifnames(c_string setting)
 
 std::span<const char *const> lan_ifnames()
 {
+    const std::lock_guard guard{state.filling}; // any call may be the first that finds the setting
     if (state.count == 0) {
         c_string setting{config_get_setting("lan_networks")};
         if (!setting)
