@@ -3,6 +3,7 @@
 #include "handles.hpp"
 #include "log.hpp"
 #include "log_connection.hpp"
+#include "paths.hpp"
 
 #include <csignal>
 #include <cstdio>
@@ -23,7 +24,6 @@ namespace {
 using namespace vandrel;
 
 constexpr char log_module[] = "daemon_tools.c";
-constexpr char null_device[] = "/dev/null";
 constexpr mode_t default_umask = 027;
 
 int change_group(const char *user, const char *group, bool keep_supplementary_groups)

@@ -1,5 +1,5 @@
-// Owners of C handles, and calls that a signal interrupts. A raw pointer or descriptor elsewhere in the library is
-// always borrowed.
+// Owners of C handles, and the care that some system calls need. A raw pointer or descriptor elsewhere in the library
+// is always borrowed.
 #pragma once
 
 #include <cerrno>
@@ -9,6 +9,7 @@
 #include <utility>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/capability.h>
 #include <unistd.h>
 
@@ -63,6 +64,12 @@ template <typename Call> auto uninterrupted(Call &&call)
     while (result == -1 && errno == EINTR)
         result = call();
     return result;
+}
+
+/// Opens for reading what may be anything: a FIFO doesn't block, a terminal doesn't become the process's own.
+inline unique_fd open_untrusted(const char *path)
+{
+    return unique_fd{::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
 }
 
 } // namespace vandrel

@@ -4,6 +4,7 @@
 #include "util.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include <arpa/inet.h>
@@ -11,11 +12,6 @@
 namespace {
 
 constexpr char log_module[] = "ip_calculation.c";
-
-bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
-}
 
 } // namespace
 
@@ -48,7 +44,7 @@ uint32_t ip_uint32_netmask_from_str(const char *text, size_t length)
     if (!text)
         return 0;
     if (length == 1 || length == 2) {
-        if (!is_digit(text[0]) || (length == 2 && !is_digit(text[1])))
+        if (std::strspn(text, "0123456789") < length)
             return 0;
         return ip_netmask(static_cast<unsigned int>(strtonum(text, 0, std::numeric_limits<int>::max(), nullptr)));
     }

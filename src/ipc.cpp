@@ -2,6 +2,7 @@
 
 #include "boundary.hpp"
 #include "handles.hpp"
+#include "json.hpp"
 #include "log.hpp"
 #include "paths.hpp"
 #include "util.h"
@@ -48,6 +49,7 @@ constexpr std::size_t shared_from_bytes = 2048; // below, a copy is cheaper than
 
 constexpr std::size_t max_subscribers = 50;
 constexpr std::size_t client_path_size = 107; // one less than the server's, which is all of sun_path
+constexpr std::size_t descriptor_path_size = 32;
 constexpr mode_t run_directory_mode = 0755;
 constexpr char socket_group[] = "vdipc";
 constexpr mode_t socket_mode = 0770;
@@ -161,8 +163,7 @@ json_handle parse_body(const char *body, std::size_t size)
 
 void dispatch(int fd, json_object *message, ipc_callback default_callback)
 {
-    json_object *type = nullptr;
-    json_object_object_get_ex(message, "type", &type);
+    json_object *const type = member_of(message, "type");
     if (!json_object_is_type(type, json_type_string))
         return;
     std::size_t length = 0;
@@ -171,10 +172,8 @@ void dispatch(int fd, json_object *message, ipc_callback default_callback)
         return;
     const_cast<char *>(quoted)[length - 1] = '\0'; // in the type's own buffer, which nobody else sees
     const char *text = quoted + 1;
-    json_object *data = nullptr;
-    json_object_object_get_ex(message, "data", &data);
     if (const ipc_callback handler = handler_of({text, length - 2}, default_callback))
-        handler(fd, text, data);
+        handler(fd, text, member_of(message, "data"));
 }
 
 void handle_event(bufferevent *bev, short events, void *argument)
@@ -395,14 +394,15 @@ bool change_group(const char *path, gid_t gid)
         errno = ENOTSOCK;
         return false;
     }
-    return fchownat(file.get(), "", static_cast<uid_t>(-1), gid, AT_EMPTY_PATH) == 0 &&
-           chmod(("/proc/self/fd/" + std::to_string(file.get())).c_str(), socket_mode) == 0;
+    char name[descriptor_path_size];
+    std::snprintf(name, sizeof name, descriptor_format, file.get());
+    return fchownat(file.get(), "", static_cast<uid_t>(-1), gid, AT_EMPTY_PATH) == 0 && chmod(name, socket_mode) == 0;
 }
 
 void give_to_group(const char *path)
 {
     const group *entry = getgrnam(socket_group);
-    if (entry && !guarded(false, [&] { return change_group(path, entry->gr_gid); }))
+    if (entry && !change_group(path, entry->gr_gid))
         log_error_errno("Failed to set ipc socket group or permissions");
 }
 

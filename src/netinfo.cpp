@@ -6,6 +6,7 @@
 #include "log.hpp"
 #include "netutil.h"
 #include "paths.hpp"
+#include "sizes.hpp"
 #include "uciconfig.h"
 #include "util.h"
 
@@ -31,7 +32,6 @@ using namespace vandrel;
 
 constexpr char log_module[] = "netinfo.c";
 
-constexpr std::size_t ifname_size = 16; // an interface name and its NUL, as in the kernel
 constexpr std::size_t net_class_path_size = 32;
 constexpr std::size_t max_lan_ifnames = 5;
 constexpr const char *default_lan_ifnames[] = {"br-lan", "eth0"};

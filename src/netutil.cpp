@@ -1,6 +1,7 @@
 #include "netutil.h"
 
 #include "log.hpp"
+#include "sizes.hpp"
 #include "util.h"
 
 #include <algorithm>
@@ -11,10 +12,10 @@
 
 namespace {
 
+using namespace vandrel;
+
 constexpr char log_module[] = "netutil.c";
 
-constexpr std::size_t longest_ifname = 15; // as in the kernel
-constexpr std::size_t portname_size = 14;  // a device or port name and its NUL
 constexpr int highest_parsed_number = 10002;
 constexpr int highest_number = 9999;
 constexpr int highest_vlan = 4095;
@@ -38,11 +39,11 @@ std::optional<int32_t> parse_number(const char *text, int highest)
 
 std::optional<netutil_ifname_parts> parse_ifname(const char *text)
 {
-    if (std::strlen(text) > longest_ifname) {
+    if (std::strlen(text) >= ifname_size) {
         log_error("Too long interface name");
         return {};
     }
-    char name[longest_ifname + 1];
+    char name[ifname_size];
     strlcpy(name, text, sizeof name);
     netutil_ifname_parts parts{"", -1, -1};
 
@@ -148,7 +149,7 @@ int netutil_ifname_to_portname(char *dst, size_t size, const char *ifname, struc
         log_error("Missing arguments");
         return 0;
     }
-    if (std::strlen(ifname) > longest_ifname) {
+    if (std::strlen(ifname) >= ifname_size) {
         log_error("Too long interface name");
         return 0;
     }

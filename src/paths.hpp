@@ -5,7 +5,7 @@ namespace vandrel {
 
 inline constexpr char zones_file[] = "/etc/vandrel/zones.json";
 inline constexpr char schedule_command_format[] =
-    "/usr/share/vandrel/check_zone_scheduled_access.lua /etc/vandrel/zones.json %d";         // zone id
+    "/usr/share/vandrel/check_zone_scheduled_access.lua %s %d";                              // zone file, zone id
 inline constexpr char feature_command_format[] = "/usr/share/vandrel/vd_features.lua %s %s"; // scope, feature
 
 inline constexpr char run_directory[] = "/var/run/vandrel";
@@ -15,5 +15,9 @@ inline constexpr char state_directory[] = "/var/state";
 
 inline constexpr char route_table[] = "/proc/net/route";
 inline constexpr char net_class_format[] = "/sys/class/net/%s"; // interface name
+
+inline constexpr char null_device[] = "/dev/null";
+inline constexpr char shell[] = "/bin/sh";
+inline constexpr char descriptor_format[] = "/proc/self/fd/%d"; // descriptor
 
 } // namespace vandrel

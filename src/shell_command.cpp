@@ -1,5 +1,7 @@
 #include "shell_command.hpp"
 
+#include "paths.hpp"
+
 #include <array>
 #include <csignal>
 #include <memory>
@@ -45,7 +47,7 @@ pid_t spawn_shell(const char *command, int fd)
     const std::array arguments{const_cast<char *>("sh"), const_cast<char *>("-c"), const_cast<char *>(command),
                                static_cast<char *>(nullptr)};
     pid_t pid;
-    return posix_spawn(&pid, "/bin/sh", actions.get(), attributes.get(), arguments.data(), environ) == 0 ? pid : -1;
+    return posix_spawn(&pid, shell, actions.get(), attributes.get(), arguments.data(), environ) == 0 ? pid : -1;
 }
 
 } // namespace

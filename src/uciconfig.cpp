@@ -19,7 +19,6 @@ using namespace vandrel;
 
 constexpr char log_module[] = "uciconfig.c";
 
-constexpr char own_package[] = "vandrel";
 constexpr char own_section[] = "settings";
 constexpr std::size_t text_size = 1023; // a lookup path, or the text in front of libuci's description, and its NUL
 constexpr std::size_t feature_command_size = 128; // the script's command line and its NUL
@@ -229,7 +228,7 @@ int config_load(uci_context **ctx, uci_package **package, uci_section **section)
 
 int config_load_network(uci_context **ctx, uci_package **package, const char *section_name, uci_section **section)
 {
-    return config_load_package(ctx, "network", package, section_name, section);
+    return config_load_package(ctx, network_package, package, section_name, section);
 }
 
 void ucierr(uci_context *ctx, const char *format, ...)

@@ -9,6 +9,8 @@
 
 namespace vandrel {
 
+inline constexpr char own_package[] = "vandrel", network_package[] = "network";
+
 /// The text of the option at the formatted path, as config_lookup gives it.
 c_string config_vlookup(uci_context *ctx, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
 

@@ -49,10 +49,10 @@ int state_set_option(uci_section *section, const char *option, const char *forma
 
 int state_load_vandrel(uci_context **ctx, uci_package **package)
 {
-    return state_load_package(ctx, package, "vandrel");
+    return state_load_package(ctx, package, own_package);
 }
 
 int state_load_network(uci_context **ctx, uci_package **package)
 {
-    return state_load_package(ctx, package, "network");
+    return state_load_package(ctx, package, network_package);
 }

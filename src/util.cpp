@@ -4,6 +4,7 @@
 #include "ip_calculation.h"
 #include "log.hpp"
 #include "shell_command.hpp"
+#include "sizes.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -29,7 +30,6 @@ constexpr char log_module[] = "util.c";
 
 constexpr long largest_file = 200'000'000; // that file_read_all reads
 constexpr std::size_t path_size = 256;     // a directory path and its NUL
-constexpr std::size_t common_name_size = 27;
 
 enum file_read_mode { read_bytes = 0, read_line = 1 };
 

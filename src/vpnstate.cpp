@@ -2,8 +2,10 @@
 
 #include "handles.hpp"
 #include "ip_calculation.h"
+#include "json.hpp"
 #include "log.hpp"
 #include "paths.hpp"
+#include "sizes.hpp"
 #include "util.h"
 
 #include <cerrno>
@@ -16,7 +18,6 @@
 #include <string_view>
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <json-c/json.h>
 #include <sys/stat.h>
 
@@ -27,7 +28,6 @@ using namespace vandrel;
 constexpr char log_module[] = "vpnstate.c";
 
 constexpr std::size_t path_size = 58;        // a state file's path and its NUL
-constexpr std::size_t common_name_size = 27; // a common name and its NUL
 constexpr int searched_name_length = 31;     // what a search takes of an entry's name
 constexpr std::string_view suffix = ".json"; // of a state file's name
 
@@ -141,11 +141,10 @@ state_handle new_state()
     return state;
 }
 
-/// Opens path, which may be anything, and gives it when it is a regular file: a FIFO would block, and a device may go
-/// on for ever.
+/// Opens path, which may be anything, and gives it when it is a regular file: a device may go on for ever.
 unique_fd open_regular(const char *path)
 {
-    unique_fd fd{open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    unique_fd fd = open_untrusted(path);
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return {};
@@ -187,11 +186,9 @@ json_handle parse_entry(const char *name)
 }
 
 /// The text of a key, borrowed from document; null without one.
-const char *text_of(json_object *document, const char *key)
+const char *member_text(json_object *document, const char *key)
 {
-    json_object *value = nullptr;
-    json_object_object_get_ex(document, key, &value);
-    return json_object_get_string(value);
+    return json_object_get_string(member_of(document, key));
 }
 
 enum class walk { failed, ended, stopped };
@@ -276,9 +273,9 @@ int vpnstate_get_common_name(char *cn, const char *dev)
     bool found = false;
     const walk end = walk_files([&](const char *name) {
         const json_handle document = parse_entry(name);
-        if (safestrcmp(text_of(document.get(), "dev"), dev) != 0)
+        if (safestrcmp(member_text(document.get(), "dev"), dev) != 0)
             return false;
-        if (const char *common_name = text_of(document.get(), "common_name")) {
+        if (const char *common_name = member_text(document.get(), "common_name")) {
             strlcpy(cn, common_name, common_name_size);
             found = true;
         }

@@ -5,6 +5,7 @@
 // Both hold what the members say and nothing else, and never change.
 #pragma once
 
+#include "sizes.hpp"
 #include "zones.h"
 
 #include <cstddef>
@@ -17,7 +18,8 @@
 
 namespace vandrel {
 
-constexpr std::size_t common_name_length = 26, port_name_length = 13; // a longer name is cut
+// a longer name is cut
+constexpr std::size_t common_name_length = common_name_size - 1, port_name_length = portname_size - 1;
 
 /// A set of directions, one bit for each.
 using directions = unsigned;

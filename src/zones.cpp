@@ -3,6 +3,7 @@
 #include "boundary.hpp"
 #include "handles.hpp"
 #include "ip_calculation.h"
+#include "json.hpp"
 #include "log.hpp"
 #include "mac.h"
 #include "paths.hpp"
@@ -27,7 +28,6 @@
 #include <string_view>
 #include <utility>
 
-#include <fcntl.h>
 #include <json-c/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,13 +48,6 @@ struct {
 } state;
 
 // Reading the file. A JSON value is borrowed from its document, and null where the file has null or nothing.
-
-json_object *value_of(json_object *object, const char *key)
-{
-    json_object *value = nullptr;
-    json_object_object_get_ex(object, key, &value);
-    return value;
-}
 
 /// The value's text. No text means no memory for it: taking the key for absent then could allow more than it says.
 const char *text_of(json_object *value)
@@ -251,16 +244,16 @@ bool read_zone(const char *key, json_object *object, zone_records &records)
 {
     const char *fault;
     const auto id = static_cast<int32_t>(strtonum(key, 0, INT_MAX, &fault));
-    if (fault || flag_of(value_of(object, "disabled")))
+    if (fault || flag_of(member_of(object, "disabled")))
         return true;
     zone &loaded = records.zones.emplace_back();
     loaded.id = id;
     loaded.members = static_cast<uint32_t>(records.members.size());
-    json_object *members = value_of(object, "members");
+    json_object *members = member_of(object, "members");
     if (!members)
         return false;
-    loaded.deny_between_keys = flag_of(value_of(object, "deny_between_keys"));
-    loaded.deny_between_locks = flag_of(value_of(object, "deny_between_locks"));
+    loaded.deny_between_keys = flag_of(member_of(object, "deny_between_keys"));
+    loaded.deny_between_locks = flag_of(member_of(object, "deny_between_locks"));
     if (json_object_is_type(members, json_type_object))
         read_members(members, records);
     else
@@ -275,7 +268,7 @@ void reserve(zone_records &records, json_object *zones)
     json_object_object_foreach(zones, key, value)
     {
         static_cast<void>(key);
-        json_object *list = value_of(value, "members");
+        json_object *list = member_of(value, "members");
         if (json_object_is_type(list, json_type_object))
             members += static_cast<std::size_t>(json_object_object_length(list));
     }
@@ -329,7 +322,7 @@ struct zone_file {
 
 zone_file read_file(char *chunk)
 {
-    const unique_fd fd{open(zones_file, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)}; // a FIFO must not block
+    const unique_fd fd = open_untrusted(zones_file);
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0)
         return {};
@@ -339,7 +332,7 @@ zone_file read_file(char *chunk)
 /// The value of "zones", the only part of the document that is kept.
 json_handle zones_of(json_object *document)
 {
-    return json_handle{json_object_get(value_of(value_of(document, "zone_configuration"), "zones"))};
+    return json_handle{json_object_get(member_of(member_of(document, "zone_configuration"), "zones"))};
 }
 
 int build_model(json_handle zones, document_room &room)
@@ -474,7 +467,7 @@ template <typename Use> void for_each_listed(const char *common_name, int direct
 uint8_t ask_schedule(int32_t id)
 {
     char command[command_size];
-    std::snprintf(command, sizeof command, schedule_command_format, id);
+    std::snprintf(command, sizeof command, schedule_command_format, zones_file, id);
     shell_command running{command};
     if (!running.has_started()) {
         log_error("ERROR: cannot popen schedule check command");
