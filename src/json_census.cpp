@@ -1,0 +1,435 @@
+#include "json_census.hpp"
+
+#include <cstring>
+#include <new>
+
+namespace vandrel {
+
+namespace {
+
+constexpr unsigned max_depth = 32;             // of json-c, unless it is told otherwise
+constexpr std::size_t safe_number_length = 31; // which fits into json-c's buffer as it is at first
+
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+char lower(char c)
+{
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+int hex_value(char c)
+{
+    if (is_digit(c))
+        return c - '0';
+    const char letter = lower(c);
+    return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
+}
+
+bool is_high_surrogate(uint32_t code_point)
+{
+    return (code_point & 0xFC00) == 0xD800;
+}
+
+bool is_low_surrogate(uint32_t code_point)
+{
+    return (code_point & 0xFC00) == 0xDC00;
+}
+
+std::size_t utf8_length(uint32_t code_point)
+{
+    return code_point < 0x80 ? 1 : code_point < 0x800 ? 2 : code_point < 0x10000 ? 3 : 4;
+}
+
+constexpr std::size_t replacement_length = 3; // of what stands for half a surrogate pair
+
+void count(json_object *value, json_counts &counts)
+{
+    switch (json_object_get_type(value)) {
+    case json_type_object: {
+        ++counts.objects;
+        json_object_object_foreach(value, name, item)
+        {
+            ++counts.keys;
+            counts.text_bytes += std::strlen(name);
+            count(item, counts);
+        }
+        break;
+    }
+    case json_type_array:
+        ++counts.arrays;
+        for (std::size_t i = 0; i < json_object_array_length(value); ++i)
+            count(json_object_array_get_idx(value, i), counts);
+        break;
+    case json_type_string:
+        ++counts.texts;
+        counts.text_bytes += static_cast<std::size_t>(json_object_get_string_len(value));
+        break;
+    case json_type_null:
+        ++counts.nulls;
+        break;
+    default:
+        ++counts.scalars;
+    }
+}
+
+bool is_same_object(json_object *one, json_object *other)
+{
+    if (json_object_object_length(one) != json_object_object_length(other))
+        return false;
+    auto at = json_object_iter_begin(other);
+    json_object_object_foreach(one, name, value)
+    {
+        if (std::strcmp(name, json_object_iter_peek_name(&at)) != 0 ||
+            !is_same_tree(value, json_object_iter_peek_value(&at)))
+            return false;
+        json_object_iter_next(&at);
+    }
+    return true;
+}
+
+bool is_same_array(json_object *one, json_object *other)
+{
+    const std::size_t length = json_object_array_length(one);
+    if (length != json_object_array_length(other))
+        return false;
+    for (std::size_t i = 0; i < length; ++i) {
+        if (!is_same_tree(json_object_array_get_idx(one, i), json_object_array_get_idx(other, i)))
+            return false;
+    }
+    return true;
+}
+
+bool is_same_text(json_object *one, json_object *other)
+{
+    const char *text = json_object_get_string(one), *other_text = json_object_get_string(other);
+    if (!text || !other_text)
+        throw std::bad_alloc{};
+    return std::strcmp(text, other_text) == 0;
+}
+
+} // namespace
+
+json_counts counts_of(json_object *tree)
+{
+    json_counts counts;
+    count(tree, counts);
+    return counts;
+}
+
+bool is_same_tree(json_object *one, json_object *other)
+{
+    const json_type type = json_object_get_type(one);
+    if (type != json_object_get_type(other))
+        return false;
+    switch (type) {
+    case json_type_null:
+        return true;
+    case json_type_object:
+        return is_same_object(one, other);
+    case json_type_array:
+        return is_same_array(one, other);
+    default:
+        return is_same_text(one, other);
+    }
+}
+
+enum class json_census::state : uint8_t {
+    before_value, // between two tokens, where blanks and comments may stand
+    before_element,
+    before_key,
+    before_colon,
+    after_value,
+    in_text,
+    escaped,
+    in_code_point,
+    in_pair,         // a high surrogate wants a backslash
+    in_pair_escaped, // and then a u
+    in_number,
+    null_or_nan,
+    in_word,
+    comment_begun,
+    in_comment,
+    in_comment_after_star,
+    in_line_comment,
+    stopped
+};
+
+void json_census::read(std::string_view chunk)
+{
+    for (const char c : chunk) {
+        if (state_ == state::stopped)
+            return;
+        take(c);
+    }
+}
+
+void json_census::take(char c)
+{
+    switch (state_) {
+    case state::before_value:
+    case state::before_element:
+    case state::before_key:
+    case state::before_colon:
+    case state::after_value:
+        return take_between_tokens(c);
+    case state::in_text:
+        return take_in_text(c);
+    case state::escaped:
+    case state::in_pair:
+    case state::in_pair_escaped:
+        return take_escaped(c);
+    case state::in_code_point:
+        return take_hex_digit(c);
+    case state::in_number:
+        return take_in_number(c);
+    case state::null_or_nan:
+    case state::in_word:
+        return take_in_word(c);
+    case state::comment_begun:
+    case state::in_comment:
+    case state::in_comment_after_star:
+    case state::in_line_comment:
+        return take_in_comment(c);
+    case state::stopped:
+        return;
+    }
+}
+
+void json_census::take_between_tokens(char c)
+{
+    if (is_blank(c))
+        return;
+    if (c == '/') {
+        behind_comment_ = state_;
+        state_ = state::comment_begun;
+        return;
+    }
+    switch (state_) {
+    case state::before_element:
+        return c == ']' ? close() : begin_value(c);
+    case state::before_value:
+        return begin_value(c);
+    case state::before_key:
+        if (c == '}')
+            return close();
+        return c == '"' || c == '\'' ? begin_text(c, true) : void(state_ = state::stopped);
+    case state::before_colon:
+        state_ = c == ':' ? state::before_value : state::stopped;
+        return;
+    default:
+        return take_after_value(c);
+    }
+}
+
+void json_census::take_after_value(char c)
+{
+    if (depth_ == 0)
+        state_ = state::stopped;
+    else if (c == ',')
+        state_ = is_in_object() ? state::before_key : state::before_element; // which may turn out to be the end
+    else if (c == (is_in_object() ? '}' : ']'))
+        close();
+    else
+        state_ = state::stopped;
+}
+
+void json_census::begin_value(char c)
+{
+    if (depth_ == max_depth) {
+        state_ = state::stopped;
+        return;
+    }
+    switch (lower(c)) {
+    case '{':
+        ++counts_.objects;
+        return open(true);
+    case '[':
+        ++counts_.arrays;
+        return open(false);
+    case '"':
+    case '\'':
+        return begin_text(c, false);
+    case 't':
+        return begin_word("rue", counts_.scalars);
+    case 'f':
+        return begin_word("alse", counts_.scalars);
+    case 'i':
+        return begin_word("nfinity", counts_.scalars);
+    case 'n':
+        state_ = state::null_or_nan;
+        return;
+    default:
+        break;
+    }
+    if (!is_digit(c) && c != '-') {
+        state_ = state::stopped;
+        return;
+    }
+    ++counts_.scalars;
+    state_ = state::in_number;
+    number_length_ = 1;
+    is_negative_ = c == '-';
+    has_fraction_ = has_exponent_ = may_have_sign_ = false;
+}
+
+void json_census::open(bool is_object)
+{
+    is_object_ = (is_object_ & ~(1U << depth_)) | (is_object ? 1U : 0U) << depth_;
+    ++depth_;
+    state_ = is_object ? state::before_key : state::before_element;
+}
+
+void json_census::close()
+{
+    --depth_;
+    state_ = state::after_value;
+}
+
+void json_census::begin_text(char quote, bool is_key)
+{
+    quote_ = quote;
+    is_key_ = is_key;
+    is_cut_ = false;
+    state_ = state::in_text;
+}
+
+void json_census::take_in_text(char c)
+{
+    if (c == quote_)
+        end_text();
+    else if (c == '\\')
+        state_ = state::escaped;
+    else if (c == '\0')
+        state_ = state::stopped;
+    else
+        add_bytes(1);
+}
+
+void json_census::end_text()
+{
+    ++(is_key_ ? counts_.keys : counts_.texts);
+    state_ = is_key_ ? state::before_colon : state::after_value;
+}
+
+void json_census::add_bytes(std::size_t count)
+{
+    counts_.text_bytes += is_cut_ ? 0 : count;
+}
+
+void json_census::take_escaped(char c)
+{
+    if (state_ == state::in_pair && c == '\\') {
+        state_ = state::in_pair_escaped;
+    } else if (c == 'u' && state_ != state::in_pair) {
+        state_ = state::in_code_point;
+        hex_digits_ = 0;
+        code_point_ = 0;
+    } else if (high_surrogate_ != 0) {
+        drop_surrogate();
+        state_ = state_ == state::in_pair ? state::in_text : state::escaped;
+        take(c);
+    } else if (c != '\0' && std::strchr("\"\\/bnrtf", c)) {
+        add_bytes(1);
+        state_ = state::in_text;
+    } else {
+        state_ = state::stopped;
+    }
+}
+
+void json_census::drop_surrogate()
+{
+    high_surrogate_ = 0;
+    add_bytes(replacement_length);
+}
+
+void json_census::take_hex_digit(char c)
+{
+    const int value = hex_value(c);
+    if (value < 0) {
+        state_ = state::stopped;
+        return;
+    }
+    code_point_ = code_point_ << 4 | static_cast<uint32_t>(value);
+    if (++hex_digits_ == 4)
+        end_code_point();
+}
+
+void json_census::end_code_point()
+{
+    if (high_surrogate_ != 0 && is_low_surrogate(code_point_)) {
+        code_point_ = 0x10000; // or above, all of the same length
+        high_surrogate_ = 0;
+    } else if (high_surrogate_ != 0) {
+        drop_surrogate();
+    }
+    if (is_high_surrogate(code_point_)) {
+        high_surrogate_ = code_point_;
+        state_ = state::in_pair;
+        return;
+    }
+    is_cut_ |= is_key_ && code_point_ == 0;
+    add_bytes(is_low_surrogate(code_point_) ? replacement_length : utf8_length(code_point_));
+    state_ = state::in_text;
+}
+
+void json_census::take_in_number(char c)
+{
+    const bool is_exponent = (c == 'e' || c == 'E') && !has_exponent_;
+    const bool is_point = c == '.' && !has_fraction_;
+    if (is_digit(c) || is_exponent || is_point || ((c == '-' || c == '+') && may_have_sign_)) {
+        has_exponent_ |= is_exponent;
+        has_fraction_ |= is_exponent || is_point;
+        may_have_sign_ = is_exponent || is_point;
+        counts_.text_bytes += ++number_length_ > safe_number_length ? 1 : 0;
+    } else if (is_negative_ && number_length_ == 1 && lower(c) == 'i') {
+        word_ = "nfinity";
+        state_ = state::in_word;
+    } else {
+        state_ = state::after_value;
+        take(c);
+    }
+}
+
+void json_census::begin_word(const char *rest, std::size_t &count)
+{
+    ++count;
+    word_ = rest;
+    state_ = state::in_word;
+}
+
+void json_census::take_in_word(char c)
+{
+    const char letter = lower(c);
+    if (state_ == state::null_or_nan && letter == 'u')
+        begin_word("ll", counts_.nulls);
+    else if (state_ == state::null_or_nan && letter == 'a')
+        begin_word("n", counts_.scalars);
+    else if (state_ == state::null_or_nan || letter != *word_++)
+        state_ = state::stopped;
+    else if (*word_ == '\0')
+        state_ = state::after_value;
+}
+
+void json_census::take_in_comment(char c)
+{
+    if (c == '\0')
+        state_ = state::stopped;
+    else if (state_ == state::comment_begun)
+        state_ = c == '*' ? state::in_comment : c == '/' ? state::in_line_comment : state::stopped;
+    else if (state_ == state::in_line_comment)
+        state_ = c == '\n' ? behind_comment_ : state_;
+    else if (state_ == state::in_comment)
+        state_ = c == '*' ? state::in_comment_after_star : state_;
+    else
+        state_ = c == '/' ? behind_comment_ : state::in_comment; // json-c looks no further at a second star
+}
+
+} // namespace vandrel

@@ -1,0 +1,152 @@
+// The census of a text, which no daemon sees: the library's own function, built into this program.
+#include "../src/json_census.hpp"
+#include "device_test.hpp"
+
+#include <memory>
+#include <ostream>
+
+using namespace vandrel;
+
+namespace vandrel {
+
+static std::ostream &operator<<(std::ostream &out, const json_counts &counts)
+{
+    return out << counts.objects << " objects, " << counts.arrays << " arrays, " << counts.texts << " texts, "
+               << counts.scalars << " scalars, " << counts.nulls << " nulls, " << counts.keys << " keys, "
+               << counts.text_bytes << " bytes";
+}
+
+} // namespace vandrel
+
+namespace {
+
+struct put {
+    void operator()(json_object *tree) const { json_object_put(tree); }
+};
+using tree = std::unique_ptr<json_object, put>;
+
+/// What json-c reads from the text alone, as from a file.
+tree parsed(std::string_view text)
+{
+    json_tokener *tokener = json_tokener_new();
+    json_object *result = json_tokener_parse_ex(tokener, text.data(), static_cast<int>(text.size()));
+    json_tokener_free(tokener);
+    return tree{result};
+}
+
+json_counts counted(std::string_view text, std::size_t chunk_size = 1 << 20)
+{
+    json_census census;
+    for (; !text.empty(); text.remove_prefix(std::min(chunk_size, text.size())))
+        census.read(text.substr(0, chunk_size));
+    return census.counts();
+}
+
+std::string nested(std::size_t depth)
+{
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+} // namespace
+
+TEST_F(device_test, a_text_counts_as_its_tree)
+{
+    using namespace std::literals;
+    const struct {
+        std::string_view text;
+        json_counts counts; // objects, arrays, texts, scalars, nulls, keys, bytes
+    } cases[] = {
+        {"{}", {1}},
+        {" \t\r\n[]", {0, 1}},
+        {"[{},[],'a',1,null]", {1, 2, 1, 1, 1, 0, 1}},
+        {R"({"a":{"bc":[]},"d":null})", {2, 1, 0, 0, 1, 3, 4}},
+        {R"({'a':"'",})", {1, 0, 1, 0, 0, 1, 2}},
+        {"[1,]", {0, 1, 0, 1}},
+        {"[1,-2,3.5,1e5,1E-5,2e+5,1e,-0.,12]", {0, 1, 0, 9}},
+        {"[true,TRUE,false,False,null,NULL]", {0, 1, 0, 4, 2}},
+        {"[NaN,nan,Infinity,infinity,-Infinity,-INFINITY]", {0, 1, 0, 6}},
+        {"/* { */[/**///\n1/*,2*/,//3\n4] ", {0, 1, 0, 2}},
+        {"[1]]", {0, 1, 0, 1}}, // behind the first value nothing counts
+        {"{}{'a':1}", {1}},
+        {"{} x", {1}},
+        {"'a' 'b'", {0, 0, 1, 0, 0, 0, 1}},
+        {"5 6", {0, 0, 0, 1}},
+        {R"(["\"\\\/\b\f\n\r\t"])", {0, 1, 1, 0, 0, 0, 8}},
+        {R"(["\u0041\u00e9\u20ac\uffff"])", {0, 1, 1, 0, 0, 0, 9}},
+        {R"(["\ud83d\ude00"])", {0, 1, 1, 0, 0, 0, 4}},
+        {R"(["\ud83d","\ude00","\ud83dx","\ud83d\n","\ud83d\u0041","\ud83d\ud83d\ude00"])",
+         {0, 1, 6, 0, 0, 0, 3 + 3 + 4 + 4 + 4 + 7}},
+        {R"(["a\u0000b"])", {0, 1, 1, 0, 0, 0, 3}},
+        {R"({"a\u0000b\u0000":0,"c":0})", {1, 0, 0, 2, 0, 2, 2}}, // a key ends at its first NUL
+        {"[1234567890123456789012345678901]", {0, 1, 0, 1}},
+    };
+    for (const auto &[text, counts] : cases) {
+        EXPECT_EQ(counted(text), counts) << text;
+        EXPECT_EQ(counted(text, 1), counts) << text;
+        EXPECT_EQ(counts_of(parsed(text).get()), counts) << text;
+    }
+    EXPECT_EQ(counted(nested(32)), counts_of(parsed(nested(32)).get()));
+}
+
+TEST_F(device_test, what_json_c_could_lose_or_drops_counts_in_the_text_alone)
+{
+    const struct {
+        std::string_view text;
+        json_counts counts;
+    } cases[] = {
+        {R"({"a":1,"a":'x'})", {1, 0, 1, 1, 0, 2, 3}},
+        {"[12345678901234567890123456789012]", {0, 1, 0, 1, 0, 0, 1}},
+    };
+    for (const auto &[text, counts] : cases) {
+        EXPECT_EQ(counted(text), counts) << text;
+        EXPECT_NE(counts_of(parsed(text).get()), counts) << text;
+    }
+}
+
+TEST_F(device_test, the_census_stops_where_json_c_stops)
+{
+    using namespace std::literals;
+    const std::string_view cases[] = {
+        "[1 2",         "[1}",   "{]",         "{a",       "{'a',",  "{'a' 1,",  "{'a':}",  "[nux,",
+        "[nax,",        "[txe,", "[fax,",      "[infx,",   "[-x,",   "[1x,",     "[1..2,",  "[1ee2,",
+        "[1e5.,",       "[--1,", "[+1,",       "[/x,",     "['\\x,", "['\\u00g", "['\\'',", "['\\ud83d'",
+        "['\\ud83d\\x", "[\0"sv, "{'a\0':["sv, "/*\0/["sv, "[1-,",
+    };
+    for (const std::string_view text : cases) {
+        const std::string continued = std::string{text} + "'a'*/[],{}]";
+        EXPECT_EQ(parsed(continued), nullptr) << text;
+        EXPECT_EQ(counted(continued).objects, counted(text).objects) << text;
+        EXPECT_EQ(counted(continued).arrays, counted(text).arrays) << text;
+    }
+    EXPECT_EQ(parsed(nested(33)), nullptr);
+    EXPECT_EQ(counted(nested(33)).arrays, 32U);
+}
+
+TEST_F(device_test, the_same_tree)
+{
+    const struct {
+        const char *one, *other;
+        bool is_same;
+    } cases[] = {
+        {R"({"a":[1,"b",null,true,{}],"c":NaN})", R"({'a':[1,"\u0062",null,true,{}],'c':nan})", true},
+        {"{'a':1,'b':2}", "{'b':2,'a':1}", false},
+        {"{'a':1}", "{'b':1}", false},
+        {"{'a':1}", "{'a':1,'b':1}", false},
+        {"{'a':1,'b':1}", "{'a':1}", false},
+        {"{'a':1}", "{'a':2}", false},
+        {"{'a':null}", "{'a':0}", false},
+        {"{'a':{'b':1}}", "{'a':{'b':2}}", false},
+        {"[1,2]", "[1]", false},
+        {"[1]", "[1,2]", false},
+        {"[1,2]", "[1,3]", false},
+        {"['1']", "[1]", false},
+        {"['a']", "['b']", false},
+        {"[true]", "[false]", false},
+        {"[1.0]", "[1.00]", false},
+        {"[]", "{}", false},
+        {"null ", "[]", false},
+        {"null ", "null ", true},
+    };
+    for (const auto &[one, other, is_same] : cases)
+        EXPECT_EQ(is_same_tree(parsed(one).get(), parsed(other).get()), is_same) << one << other;
+}
