@@ -116,7 +116,9 @@ void compare_members(const plain_zones &zones, const char *name, int direction)
 
 } // namespace
 
-TEST_F(device_test, answers_as_the_plain_walk_does)
+class zones_property : public device_test {};
+
+TEST_F(zones_property, answers_as_the_plain_walk_does)
 {
     write_script("/usr/share/vandrel/check_zone_scheduled_access.lua", "#!/bin/sh\n[ $(($2 % 2)) = 1 ] || echo true\n");
     for (unsigned seed = 1; seed <= 400 && !HasFailure(); ++seed) {
