@@ -8,6 +8,7 @@
 #include <fstream>
 #include <initializer_list>
 
+#include <linux/sched.h>
 #include <net/if.h>
 #include <sched.h>
 #include <signal.h>
@@ -138,7 +139,10 @@ pid_t fork_into_device()
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
     std::fflush(nullptr);
-    const long pid = syscall(SYS_clone, namespaces() | CLONE_NEWPID | SIGCHLD, nullptr, nullptr, nullptr, nullptr);
+    clone_args wanted{}; // clone3, since the arguments of clone have another order on some machines
+    wanted.flags = static_cast<unsigned>(namespaces() | CLONE_NEWPID);
+    wanted.exit_signal = SIGCHLD;
+    const long pid = syscall(SYS_clone3, &wanted, sizeof wanted);
     check(pid, "clone");
     if (pid == 0)
         settle(uid, gid);
