@@ -76,5 +76,8 @@ check "a C++ program through pkg-config" through_pkg_config g++ program.cpp
 check "a C program through find_package" through_cmake c
 check "a C++ program through find_package" through_cmake cpp
 check "libraries linked" links_only_what_is_named
+for page in man3/libvandrel.3 man5/vandrel-zones.5; do
+    check "the manual page $page" test -s "root/share/man/$page"
+done
 echo "$passed passed, $failed failed"
 [ "$failed" = 0 ]

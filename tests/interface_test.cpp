@@ -1,4 +1,4 @@
-// Public headers, symbol map and library name the same symbols.
+// Public headers, symbol map, library and manual page name the same symbols.
 #include "device_test.hpp"
 
 #include <cstdio>
@@ -7,7 +7,8 @@
 
 namespace {
 
-const std::string source = host_path(SOURCE_DIR), library = host_path(BINARY_DIR) + "/libvandrel.so.1";
+const std::string source = host_path(SOURCE_DIR), library = host_path(BINARY_DIR) + "/libvandrel.so.1",
+                  manual_page = host_path(BINARY_DIR) + "/man/libvandrel.3";
 
 std::set<std::string> words_of(const std::string &command)
 {
@@ -16,7 +17,7 @@ std::set<std::string> words_of(const std::string &command)
     return {std::istream_iterator<std::string>{words}, {}};
 }
 
-TEST(interface, headers_map_and_library_agree)
+TEST(interface, headers_map_library_and_manual_agree)
 {
     const auto headers = words_of( // functions and variables that the compiler sees declared in the headers themselves
         "cd " + source +
@@ -29,6 +30,10 @@ TEST(interface, headers_map_and_library_agree)
     EXPECT_TRUE(headers.contains("vd_logging_log") && headers.contains("libvandrel_logcontext"));
     EXPECT_EQ(headers, map);
     EXPECT_EQ(map, words_of("nm -D --defined-only " + library + " | grep -v ' A ' | sed 's/.* //; s/@.*//'"));
+
+    const auto manual = words_of("sed 's/^[.].*//' " + manual_page + " | grep -oE '\\w+'");
+    for (const std::string &name : map)
+        EXPECT_TRUE(manual.contains(name)) << name;
 }
 
 } // namespace
