@@ -1,6 +1,7 @@
 // The stream of a bus connection: any bytes, cut anywhere, to a server whose handlers answer. The first byte says how
 // long the cuts are. What the handlers get, and the answers that come back, must be what a plain reading of the whole
-// stream gives.
+// stream gives. Then each body of it, and all of its bytes and the first cut as one body, is sent alone, and a message
+// on a further connection must mean what it says.
 #include "device.hpp"
 
 #include "ipc.h"
@@ -25,6 +26,7 @@
 namespace {
 
 constexpr std::size_t longest_body = 999'995;
+constexpr std::size_t most_alone = 8; // more would only cost time
 
 event_base *base;
 std::vector<std::string> handled; // "type data" of each message
@@ -79,13 +81,21 @@ std::uint32_t length_at(std::string_view stream)
     return be32toh(header);
 }
 
+std::vector<std::string> bodies_of(std::string_view stream)
+{
+    std::vector<std::string> bodies;
+    while (stream.size() >= 4 && length_at(stream) <= longest_body && stream.size() - 4 >= length_at(stream)) {
+        bodies.emplace_back(stream.substr(4, length_at(stream)));
+        stream.remove_prefix(4 + bodies.back().size());
+    }
+    return bodies;
+}
+
 /// What the handlers have to see of a whole stream.
 std::vector<std::string> read_plainly(std::string_view stream)
 {
     std::vector<std::string> messages;
-    while (stream.size() >= 4 && length_at(stream) <= longest_body && stream.size() - 4 >= length_at(stream)) {
-        const std::string body{stream.substr(4, length_at(stream))};
-        stream.remove_prefix(4 + body.size());
+    for (const std::string &body : bodies_of(stream)) {
         const json_handle message{json_tokener_parse(body.c_str())};
         json_object *type = nullptr;
         if (!json_object_object_get_ex(message.get(), "type", &type) || !json_object_is_type(type, json_type_string))
@@ -147,6 +157,33 @@ std::size_t count_frames(std::string_view answers)
     return frames;
 }
 
+/// A connection from its beginning to its end.
+void converse(std::string_view stream, std::size_t cut)
+{
+    handled.clear();
+    has_ended = false;
+    const int fd = connect_peer();
+    std::string answers;
+    run(0);
+    send_in_cuts(fd, stream, cut, answers);
+    const std::vector<std::string> expected = read_plainly(stream);
+    const bool closes = !expected.empty() && expected.back().starts_with("close ");
+    require(handled == expected);
+    // Where the server dropped the connection, the answers that had not left yet are lost.
+    require(closes || has_ended || count_frames(answers) == expected.size());
+    close(fd);
+    run(0);
+    require(closes || has_ended);
+}
+
+void send_alone(std::string_view body)
+{
+    const std::uint32_t header = htobe32(static_cast<std::uint32_t>(body.size()));
+    std::string frame(reinterpret_cast<const char *>(&header), sizeof header);
+    frame += body;
+    converse(frame, frame.size());
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -162,22 +199,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *input, std::size_t siz
     if (size == 0)
         return 0;
     const std::string_view stream{reinterpret_cast<const char *>(input) + 1, size - 1};
-    const std::size_t cut = input[0] == 0 ? size : input[0];
-    handled.clear();
-    has_ended = false;
+    converse(stream, input[0] == 0 ? size : input[0]);
 
-    const int fd = connect_peer();
-    std::string answers;
-    run(0);
-    send_in_cuts(fd, stream, cut, answers);
-    const std::vector<std::string> expected = read_plainly(stream);
-    const bool closes = !expected.empty() && expected.back().starts_with("close ");
-    require(handled == expected);
-    // Where the server dropped the connection, the answers that had not left yet are lost.
-    require(closes || has_ended || count_frames(answers) == expected.size());
-    close(fd);
-    run(0);
-    require(closes || has_ended);
+    std::vector<std::string> bodies = bodies_of(stream);
+    bodies.resize(std::min(bodies.size(), most_alone));
+    bodies.emplace_back(stream.substr(0, longest_body));
+    bodies.emplace_back(stream.substr(0, input[0]));
+    for (const std::string &body : bodies) {
+        send_alone(body);
+        send_alone(R"({"type":"vc-\u0041lice","data":["\u00e9",{"a":1}]})");
+    }
     ipc_deregister_all_callbacks(nullptr);
     return 0;
 }
