@@ -1,0 +1,324 @@
+#include "ipc_connection.hpp"
+
+#include "boundary.hpp"
+#include "lasting.hpp"
+#include "log.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <string_view>
+#include <vector>
+
+#include <signal.h>
+#include <sys/socket.h>
+
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+
+namespace vandrel {
+namespace {
+
+constexpr std::size_t read_low_watermark = header_bytes;
+constexpr std::size_t read_high_watermark = 1'000'000;
+static_assert(max_frame_bytes < read_high_watermark, "or reading would stop within the longest frame");
+constexpr std::size_t max_queued_bytes = 64 << 20; // on one connection
+constexpr std::size_t event_read_bytes = 4096;     // what libevent reads at most before it calls us
+constexpr std::size_t ahead_read_bytes = 65'536;
+
+using event_handle = std::unique_ptr<event, released_by<::event_free>>;
+
+/// bufferevent_free closes the socket on a later turn of the loop only, which may never come; so it is closed here.
+void close_bufferevent(bufferevent *bev)
+{
+    const int fd = bufferevent_getfd(bev);
+    bufferevent_setfd(bev, -1);
+    bufferevent_free(bev);
+    close(fd);
+}
+using bufferevent_handle = std::unique_ptr<bufferevent, released_by<close_bufferevent>>;
+
+/// Any handler may drop any connection: what is needed of one after a handler has run is copied before.
+struct connection {
+    int fd;
+    std::uint64_t serial; // tells it from a later connection with the same descriptor
+    ipc_dispatch dispatch;
+    ipc_callback default_callback;
+    bufferevent_handle bev;
+    event_handle flush; // made active by hand when a first frame is queued
+
+    evbuffer *input() const { return bufferevent_get_input(bev.get()); }
+    evbuffer *output() const { return bufferevent_get_output(bev.get()); }
+};
+
+struct connection_table {
+    std::vector<std::unique_ptr<connection>> by_fd;
+    std::uint64_t made = 0;
+};
+lasting<connection_table> state;
+connection_table &table = state.value;
+
+connection *find_connection(int fd)
+{
+    const auto slot = static_cast<std::size_t>(fd); // a negative one is beyond any size
+    return slot < table.by_fd.size() ? table.by_fd[slot].get() : nullptr;
+}
+
+bool is_open(int fd, std::uint64_t serial)
+{
+    const connection *found = find_connection(fd);
+    return found && found->serial == serial;
+}
+
+/// The end of a connection, whoever noticed it. The notice may drop it, and connect anew with the same descriptor.
+void fail(const connection &peer)
+{
+    const int fd = peer.fd;
+    const std::uint64_t serial = peer.serial;
+    if (peer.default_callback)
+        peer.default_callback(fd, "error", nullptr);
+    if (is_open(fd, serial))
+        drop_connection(fd);
+    log_warning("end of file or error "); // the blank at the end is part of the message
+}
+
+void handle_events(const connection &peer, short events)
+{
+    const int system_error = errno; // of the read or write that failed
+    log_info("Event");
+    if ((events & BEV_EVENT_ERROR) != 0) {
+        log_warning("Bufferevent error");
+        errno = system_error;
+        std::perror("Error from bufferevent");
+    }
+    if ((events & (BEV_EVENT_EOF | BEV_EVENT_ERROR)) != 0)
+        fail(peer);
+}
+
+bool is_failure(ssize_t size)
+{
+    return size < 0 && errno != EAGAIN && errno != EINTR;
+}
+
+void log_too_long(std::size_t body_bytes)
+{
+    log_warning("Message of %u bytes is too long", static_cast<unsigned>(body_bytes));
+}
+
+/// Fetches more of a frame that libevent has begun to read, where it has arrived already. Memory is taken only in step
+/// with what has come. The end of the stream shows again when libevent reads on, but an error is told only once: gives
+/// false for it.
+bool read_ahead(const connection &peer, std::size_t missing_bytes)
+{
+    evbuffer *input = peer.input();
+    if (evbuffer_get_length(input) < event_read_bytes)
+        return true;
+    const std::size_t wanted = std::min(missing_bytes, ahead_read_bytes);
+    ssize_t size = 0;
+    evbuffer_unfreeze(input, 0); // a bufferevent opens the end of its input for its own reads only
+    evbuffer_iovec space;
+    if (evbuffer_reserve_space(input, static_cast<ev_ssize_t>(wanted), &space, 1) == 1) {
+        size = recv(peer.fd, space.iov_base, wanted, 0);
+        space.iov_len = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+        evbuffer_commit_space(input, &space, 1);
+    }
+    evbuffer_freeze(input, 0);
+    return !is_failure(size);
+}
+
+/// Whether that many bytes wait, or come at once. Reading them may end the connection.
+bool has_arrived(const connection &peer, std::size_t wanted_bytes)
+{
+    const std::size_t waiting_bytes = evbuffer_get_length(peer.input());
+    if (waiting_bytes >= wanted_bytes)
+        return true;
+    if (!read_ahead(peer, wanted_bytes - waiting_bytes)) {
+        handle_events(peer, BEV_EVENT_READING | BEV_EVENT_ERROR);
+        return false;
+    }
+    return evbuffer_get_length(peer.input()) >= wanted_bytes;
+}
+
+/// Handles the whole frames at the start of the bytes and takes them off. Gives the size of the next one, as far as it
+/// is known, or 0 where a handler has dropped the connection, and the bytes with it.
+std::size_t handle_frames(const connection &peer, std::string_view &bytes)
+{
+    const int fd = peer.fd;
+    const std::uint64_t serial = peer.serial;
+    std::size_t size = frame_size(bytes);
+    for (; size <= std::min(bytes.size(), max_frame_bytes); size = frame_size(bytes)) {
+        if (const json_handle message = parse_body(bytes.substr(header_bytes, size - header_bytes)))
+            peer.dispatch(fd, message.get(), peer.default_callback);
+        if (!is_open(fd, serial))
+            return 0;
+        bytes.remove_prefix(size);
+    }
+    return size;
+}
+
+/// The start of the input, with at least that many bytes in one piece; nothing without memory to put them together.
+std::string_view front_of(evbuffer *input, std::size_t wanted_bytes)
+{
+    const auto *start = reinterpret_cast<const char *>(evbuffer_pullup(input, static_cast<ev_ssize_t>(wanted_bytes)));
+    return start ? std::string_view{start, evbuffer_get_contiguous_space(input)} : std::string_view{};
+}
+
+/// Handles all whole frames that have arrived. Those that lie in one piece leave the input together, as that costs no
+/// more than for one.
+void read_frames(const connection &peer)
+{
+    evbuffer *input = peer.input();
+    for (std::size_t wanted = header_bytes; has_arrived(peer, wanted);) {
+        std::string_view bytes = front_of(input, wanted);
+        if (bytes.empty()) {
+            log_error("ERROR, too few bytes");
+            fail(peer);
+            return;
+        }
+        const std::size_t held = bytes.size();
+        wanted = handle_frames(peer, bytes);
+        if (wanted == 0)
+            return;
+        evbuffer_drain(input, held - bytes.size());
+        if (wanted > max_frame_bytes) {
+            log_too_long(wanted - header_bytes);
+            fail(peer);
+            return;
+        }
+    }
+}
+
+/// Writes what was queued since the loop ran last in one go, without asking first whether the socket is ready. What
+/// doesn't go is left to libevent.
+void flush_output(const connection &peer)
+{
+    evbuffer *output = peer.output();
+    evbuffer_unfreeze(output, 1); // a bufferevent opens the front of its output for its own writes only
+    const int size = evbuffer_write(output, peer.fd);
+    evbuffer_freeze(output, 1);
+    if (is_failure(size) || (evbuffer_get_length(output) > 0 && bufferevent_enable(peer.bev.get(), EV_WRITE) != 0))
+        handle_events(peer, BEV_EVENT_WRITING | BEV_EVENT_ERROR);
+}
+
+/// Queues the whole frame or nothing of it; errno tells why not.
+bool queue_on(const connection &peer, outgoing_frame &frame)
+{
+    evbuffer *output = peer.output();
+    const std::size_t queued = evbuffer_get_length(output);
+    if (queued + frame.frame_bytes() > max_queued_bytes) {
+        errno = ENOBUFS;
+        return false;
+    }
+    if (queued == 0)
+        bufferevent_disable(peer.bev.get(), EV_WRITE); // or libevent would ask first whether the socket is ready
+    if (!frame.append_to(output)) {
+        errno = ENOMEM;
+        return false;
+    }
+    if (queued == 0)
+        event_active(peer.flush.get(), EV_WRITE, 0);
+    return true;
+}
+
+void ignore_signal(int) {}
+
+/// Not SIG_IGN, which the commands that a daemon runs would inherit.
+void catch_sigpipe()
+{
+    struct sigaction action {};
+    if (sigaction(SIGPIPE, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) != 0 ||
+        action.sa_handler != SIG_DFL)
+        return;
+    action.sa_handler = ignore_signal;
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
+const connection &connection_of(void *argument)
+{
+    return *static_cast<const connection *>(argument);
+}
+
+bool listen_to(connection &made, event_base *base)
+{
+    made.flush.reset(event_new(
+        base, -1, 0, [](evutil_socket_t, short, void *argument) { flush_output(connection_of(argument)); }, &made));
+    bufferevent_setcb(
+        made.bev.get(), [](bufferevent *, void *argument) { read_frames(connection_of(argument)); }, nullptr,
+        [](bufferevent *, short events, void *argument) { handle_events(connection_of(argument), events); }, &made);
+    bufferevent_setwatermark(made.bev.get(), EV_READ, read_low_watermark, read_high_watermark);
+    return made.flush && bufferevent_enable(made.bev.get(), EV_READ) == 0;
+}
+
+std::unique_ptr<connection> make_connection(unique_fd fd, event_base *base, ipc_dispatch dispatch,
+                                            ipc_callback default_callback)
+{
+    if (evutil_make_socket_nonblocking(fd.get()) != 0 || evutil_make_socket_closeonexec(fd.get()) != 0)
+        return nullptr;
+    auto made =
+        std::make_unique<connection>(connection{fd.get(), ++table.made, dispatch, default_callback, nullptr, nullptr});
+    made->bev.reset(bufferevent_socket_new(base, fd.get(), BEV_OPT_CLOSE_ON_FREE));
+    if (!made->bev)
+        return nullptr;
+    fd.release();
+    return listen_to(*made, base) ? std::move(made) : nullptr;
+}
+
+} // namespace
+
+bool add_connection(unique_fd fd, event_base *base, ipc_dispatch dispatch, ipc_callback default_callback)
+{
+    if (table.made == 0)
+        catch_sigpipe();
+    return guarded(false, [&] {
+        const auto slot = static_cast<std::size_t>(fd.get());
+        if (slot >= table.by_fd.size())
+            table.by_fd.resize(slot + 1);
+        forget_connection(fd.get());
+        table.by_fd[slot] = make_connection(std::move(fd), base, dispatch, default_callback);
+        return table.by_fd[slot] != nullptr;
+    });
+}
+
+void drop_connection(int fd)
+{
+    if (find_connection(fd))
+        table.by_fd[static_cast<std::size_t>(fd)].reset();
+}
+
+void forget_connection(int fd)
+{
+    if (const connection *stale = find_connection(fd)) {
+        bufferevent_setfd(stale->bev.get(), -1);
+        drop_connection(fd);
+    }
+}
+
+bool write_frame(int fd, outgoing_frame &frame)
+{
+    if (fd == -1) {
+        log_warning("FD is -1");
+        return false;
+    }
+    const connection *peer = find_connection(fd);
+    if (!peer) {
+        log_warning_errno("ERROR, no bufferevent found for fd %d", fd);
+        return false;
+    }
+    const bool has_text = frame.make_text();
+    if (has_text && frame.body_bytes() > max_body_bytes) {
+        log_too_long(frame.body_bytes());
+        return false;
+    }
+    if (!has_text || !queue_on(*peer, frame)) {
+        const int failure = has_text ? errno : ENOMEM;
+        errno = failure;
+        std::perror("write");
+        errno = failure;
+        return false;
+    }
+    return true;
+}
+
+} // namespace vandrel
