@@ -26,7 +26,7 @@ TEST(libuci, recorded_calls)
 
 TEST(libuci, beyond_the_recorded_calls)
 {
-    EXPECT_EQ(replay("own.json"), "27 of 27\n");
+    EXPECT_EQ(replay("own.json"), "28 of 28\n");
 }
 
 constexpr char file[] = "/etc/config/t";

@@ -4,9 +4,12 @@
 #include "uciconfig.h"
 
 #include <filesystem>
+#include <memory>
 #include <sstream>
 
+#include <sys/capability.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <uci.h>
 
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
@@ -166,6 +169,25 @@ TEST_F(uciconfig, one_call_sets_or_deletes_saves_and_commits)
     }
     EXPECT_EQ(config_set_section_setting_string("no%s", nullptr, "a", "b"), 1);
     EXPECT_EQ(log(), failures({"Failed loading package no%s: Entry not found", "loading no%s.settings failed"}));
+}
+
+TEST_F(uciconfig, changes_that_may_not_be_read_are_passed_over_by_lookups_and_kept)
+{
+    const std::string change = "vandrel.settings.a='changed'\n";
+    write_file(settings, "config a settings\n\toption a b\n");
+    write_file(changes, change);
+    ASSERT_EQ(chmod("/tmp/.uci", 0), 0);
+    const std::unique_ptr<std::remove_pointer_t<cap_t>, decltype(&cap_free)> nothing{cap_init(), cap_free};
+    ASSERT_EQ(cap_set_proc(nothing.get()), 0); // like a daemon that gave up root
+    EXPECT_EQ(taken(config_get_setting("a")), "b");
+    EXPECT_EQ(taken(state_lookup("vandrel.settings.a")), "b");
+    EXPECT_EQ(log(), records{});
+    EXPECT_EQ(config_set_vandrel_setting_string("a", "c"), 1);
+    EXPECT_EQ(log(), failures({"Save failed: I/O error", "failed"}));
+    EXPECT_EQ(config_set_vandrel_setting_string("a", nullptr), 1);
+    ASSERT_EQ(chmod("/tmp/.uci", 0700), 0);
+    EXPECT_EQ(read_file(changes), change);
+    EXPECT_EQ(taken(config_get_setting("a")), "changed");
 }
 
 TEST_F(uciconfig, what_can_not_be_saved_or_committed_fails)

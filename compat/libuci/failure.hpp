@@ -12,6 +12,11 @@ struct failure {
     int code;
 };
 
+/// A file that is there but may not be opened.
+struct not_permitted : failure {
+    not_permitted() noexcept : failure{UCI_ERR_IO} {}
+};
+
 /// What is wrong with a package file, and where.
 struct parse_failure {
     const char *reason;

@@ -56,7 +56,7 @@ void write_whole(int fd, std::string_view text)
 /// A new file beside the one that it is to replace; removed again unless it did.
 class successor {
 public:
-    successor(const std::string &folder, const std::string &prefix) : path_{folder + '/' + prefix + "XXXXXX"}
+    explicit successor(const std::string &path_prefix) : path_{path_prefix + "XXXXXX"}
     {
         fd_ = descriptor{::mkostemp(path_.data(), O_CLOEXEC)};
         check(static_cast<bool>(fd_));
@@ -92,10 +92,21 @@ private:
     file_id id_{};
 };
 
-/// Removes what killed processes left behind. Nobody else writes a successor while we have the file's lock.
-void remove_leftovers(const std::string &folder, const std::string &prefix)
+/// Where a file really is, and so its temporary files.
+struct place {
+    explicit place(const std::string &path) : file{real_path(path)} {}
+
+    std::string folder() const { return file.substr(0, file.rfind('/') + 1); }
+    std::string temporary_prefix() const { return '.' + file.substr(file.rfind('/') + 1) + ".uci-"; }
+
+    std::string file;
+};
+
+/// Removes what killed processes left behind.
+void remove_leftovers_at(const place &of)
 {
-    std::unique_ptr<DIR, closes_folder> entries{::opendir(folder.c_str())};
+    const std::string prefix = of.temporary_prefix();
+    const std::unique_ptr<DIR, closes_folder> entries{::opendir(of.folder().c_str())};
     if (!entries)
         return;
     while (const dirent *entry = ::readdir(entries.get())) {
@@ -114,6 +125,8 @@ descriptor open_locked(const std::string &path, access how, mode_t create_mode)
     for (;;) {
         descriptor file{::open(path.c_str(), flags, create_mode)};
         if (!file) {
+            if (errno == EACCES || errno == EPERM)
+                throw not_permitted{};
             check(nothing_there());
             return {};
         }
@@ -190,23 +203,25 @@ std::string real_path(const std::string &path)
     return target.get();
 }
 
+void remove_leftovers(const std::string &path)
+{
+    remove_leftovers_at(place{path});
+}
+
 bool replace(const std::string &path, const descriptor &locked, std::string_view content,
              const std::function<void(file_id)> &about_to)
 {
-    const std::string whole = real_path(path);
-    const std::size_t slash = whole.rfind('/');
-    const std::string folder = whole.substr(0, slash + 1);
-    const std::string prefix = '.' + whole.substr(slash + 1) + ".uci-";
+    const place target{path};
     struct stat old;
     check(::fstat(locked.get(), &old) == 0);
 
-    const descriptor entries{::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    const descriptor entries{::open(target.folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     check(static_cast<bool>(entries));
-    remove_leftovers(folder, prefix);
-    successor fresh{folder, prefix};
+    remove_leftovers_at(target);
+    successor fresh{target.folder() + target.temporary_prefix()};
     fresh.fill(content, old.st_mode & 07777);
     about_to(fresh.id());
-    fresh.take_over(whole);
+    fresh.take_over(target.file);
     return sync(entries.get());
 }
 

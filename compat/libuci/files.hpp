@@ -44,8 +44,8 @@ enum class access { read, write };
 /// Opens the regular file at path and waits for its lock, shared or exclusive; the lock goes with the descriptor.
 /// Access write makes the file if it is missing, with that mode less the umask.
 ///
-/// None if there is no regular file, or no folder to make it in. The lock is on the file that is at path then, not on
-/// one that was replaced meanwhile.
+/// None if there is no regular file, or no folder to make it in. Throws not_permitted if it may not be opened. The lock
+/// is on the file that is at path then, not on one that was replaced meanwhile.
 descriptor open_locked(const std::string &path, access how, mode_t create_mode = 0);
 
 /// Which file it is, whatever its name; zeros: none.
@@ -59,6 +59,10 @@ file_id id_at(const std::string &path) noexcept;
 std::string read_whole(const descriptor &file);
 void shorten(const descriptor &file, std::size_t length);
 void append(const descriptor &file, std::string_view text); // all of it, and to the disk, or the file stays
+
+/// Removes the temporary files that killed processes left beside the file at path, whose lock the caller has: without
+/// it nobody writes one.
+void remove_leftovers(const std::string &path);
 
 /// Replaces the file at path, or the file that a link there leads to, whose lock the caller has. Its mode stays.
 ///

@@ -38,6 +38,16 @@ std::string pending_lines(const descriptor &changes, file_id file)
     return text;
 }
 
+/// The pending lines of a change file for a load, to which one that it may not open is one without lines.
+std::string readable_lines(const std::string &path, file_id file)
+{
+    try {
+        return pending_lines(open_locked(path, access::read), file);
+    } catch (const not_permitted &) {
+        return {};
+    }
+}
+
 /// A package made from its locked file, not in the context yet, without any changes.
 std::unique_ptr<package> read_package_file(context &ctx, const std::string &name, const std::string &path,
                                            const descriptor &file)
@@ -194,6 +204,7 @@ void overwrite_file(context &ctx, package &from)
         saved = open_locked(path, access::write, UCI_FILEMODE);
         if (!saved)
             throw failure{UCI_ERR_IO};
+        remove_leftovers(path);
     }
     put_in_place(from, locked, saved);
 }
@@ -219,8 +230,7 @@ package &load(context &ctx, const std::string &name)
     fresh->has_delta = !by_path;
     if (fresh->has_delta) {
         for (text_element &folder : items{ctx.delta_path})
-            apply_lines(*fresh,
-                        pending_lines(open_locked(change_path(folder.text, *fresh), access::read), id_of(file)));
+            apply_lines(*fresh, readable_lines(change_path(folder.text, *fresh), id_of(file)));
     }
     return enlist(ctx, std::move(fresh));
 }
@@ -242,6 +252,8 @@ void commit(context &ctx, package *&at, bool overwrite)
     std::vector<std::string> changes = other_changes(ctx, *at, id);
     const descriptor saved = own_changes(ctx, *at);
     changes.push_back(pending_lines(saved, id));
+    if (saved)
+        remove_leftovers(change_path(ctx.savedir, *at));
     if (reload(ctx, at, locked.file(), changes) == 0)
         return locked.keep();
     put_in_place(*at, locked, saved);

@@ -7,6 +7,8 @@ namespace libuci {
 
 namespace {
 
+constexpr std::string_view special_characters = "'\"\\#;"; // outside of quotes
+
 // Not the functions of ctype.h: names are ASCII whatever the locale.
 bool is_space(char c) noexcept
 {
@@ -40,6 +42,11 @@ bool is_printable(std::string_view text) noexcept
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
 }
 
+bool is_plain_type(std::string_view text) noexcept
+{
+    return is_printable(text) && text.find_first_of(special_characters) == std::string_view::npos;
+}
+
 bool is_value(std::string_view text) noexcept
 {
     return std::all_of(text.begin(), text.end(), is_value_character);
@@ -71,7 +78,7 @@ std::string escaped(std::string_view text)
 {
     std::string result;
     for (const char c : text) {
-        if (std::string_view{"'\"\\#;"}.find(c) != std::string_view::npos)
+        if (special_characters.find(c) != std::string_view::npos)
             result += '\\';
         result += c;
     }

@@ -12,6 +12,7 @@ namespace libuci {
 bool is_name(std::string_view text) noexcept;          // of a section or option
 bool is_declared_name(std::string_view text) noexcept; // of a package in a "package" line
 bool is_printable(std::string_view text) noexcept;     // a section type, or the name of a package
+bool is_plain_type(std::string_view text) noexcept;    // a section type that needs no escape
 bool is_value(std::string_view text) noexcept;         // in a path or a change line; in a package file anything goes
 
 /// A whole decimal number, as strtol reads it; nothing at all is 0.

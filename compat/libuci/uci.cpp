@@ -246,6 +246,9 @@ int uci_set(uci_context *ctx, uci_ptr *ptr)
         const bool by_index = !ptr->s && (ptr->flags & uci_ptr::UCI_LOOKUP_EXTENDED);
         if (!what.value || what.section.empty() || by_index)
             return UCI_ERR_INVAL;
+        // the real library writes a type as it stands, and then can't read the package
+        if (what.option.empty() && !what.value->empty() && !is_plain_type(*what.value))
+            return UCI_ERR_INVAL;
         return store_outcome(*ptr, make(own(*ptr->p), what));
     });
 }
@@ -253,7 +256,7 @@ int uci_set(uci_context *ctx, uci_ptr *ptr)
 int uci_add_section(uci_context *ctx, uci_package *p, const char *type, uci_section **res)
 {
     return call(ctx, [&](context &) -> int {
-        if (!p || !type || !res || !is_printable(type))
+        if (!p || !type || !res || !is_plain_type(type))
             return UCI_ERR_INVAL;
         const std::string name = own(*p).next_name(type);
         const outcome added = make(own(*p), {change_kind::add, name, {}, type});

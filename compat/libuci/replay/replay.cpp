@@ -184,7 +184,7 @@ public:
         op_ = op;
         const char *key = json_object_object_get_ex(op, "ctx", nullptr) ? arg("ctx") : "a";
         if (given("op") == "alloc")
-            contexts_[key] = {uci_alloc_context(), uci_free_context};
+            contexts_[key] = new_context();
         ctx_ = key ? contexts_[key].get() : nullptr;
         p_ = ctx_ && arg("package") ? uci_lookup_package(ctx_, arg("package")) : nullptr;
         ptr_ = {};
@@ -222,6 +222,27 @@ private:
         return uci_lookup_ptr(ctx_, &ptr, path_.data(), extended);
     }
 
+    static std::shared_ptr<uci_context> new_context()
+    {
+        uci_context *made = uci_alloc_context();
+        check(made != nullptr, "no context");
+        return {made, uci_free_context};
+    }
+
+    // The real library's own crash without an object or a name.
+    uci_section *find_section() const
+    {
+        return p_ && arg("section") ? uci_lookup_section(ctx_, p_, arg("section")) : nullptr;
+    }
+    uci_option *find_option() const
+    {
+        return ptr_.s && arg("option") ? uci_lookup_option(ctx_, ptr_.s, arg("option")) : nullptr;
+    }
+    const char *find_text() const
+    {
+        return ptr_.s && arg("option") ? uci_lookup_option_string(ctx_, ptr_.s, arg("option")) : nullptr;
+    }
+
     void look()
     {
         code_ = lookup(ptr_, given("path"), flag("extended"));
@@ -254,7 +275,7 @@ private:
 
     void next()
     {
-        uci_section *s = uci_lookup_section(ctx_, p_, arg("section"));
+        uci_section *s = find_section();
         uci_list *children = p_ ? &p_->sections : &ctx_->root;
         uci_element *found = nullptr;
         code_ = uci_lookup_next(ctx_, &found, s ? &s->options : children, arg("name"));
@@ -298,8 +319,8 @@ private:
         {"next", [&] { next(); }},
         {"inline",
          [&] {
-             ptr_.s = uci_lookup_section(ctx_, p_, arg("section"));
-             ptr_.o = uci_lookup_option(ctx_, ptr_.s, arg("option"));
+             ptr_.s = find_section();
+             ptr_.o = find_option();
          }},
         {"set", [&] { change(uci_set); }},
         {"add_list", [&] { change(uci_add_list); }},
@@ -332,7 +353,7 @@ private:
         {"package", [&] { return given("op") == "inline" ? q(p_ != nullptr) : package(p_); }},
         {"section", [&] { return q(ptr_.s); }},
         {"option", [&] { return q(ptr_.o); }},
-        {"string", [&] { return q(uci_lookup_option_string(ctx_, ptr_.s, arg("option"))); }},
+        {"string", [&] { return q(find_text()); }},
         {"name", [&] { return q(ptr_.s); }},
         {"type", [&] { return q(ptr_.s->type); }},
         {"anonymous", [&] { return q(ptr_.s->anonymous); }},
