@@ -1,0 +1,22 @@
+# cmake -P PREFIX/lib/cmake/vandrel/uninstall.cmake: removes what was installed there, wherever it lies now.
+set(here ${CMAKE_CURRENT_LIST_DIR})
+file(STRINGS ${here}/installed.txt names)
+set(folders "")
+foreach(name ${names} installed.txt)
+    get_filename_component(file ${here}/${name} ABSOLUTE)
+    get_filename_component(folder ${file} DIRECTORY)
+    list(APPEND folders ${folder})
+    message(STATUS "Removing: ${file}")
+    file(REMOVE ${file})
+    if(EXISTS ${file} OR IS_SYMLINK ${file})
+        message(FATAL_ERROR "${file} cannot be removed by this user")
+    endif()
+endforeach()
+
+list(REMOVE_DUPLICATES folders)
+foreach(folder ${folders}) # our own ones; the others may have been there before
+    file(GLOB left ${folder}/*)
+    if(folder MATCHES "/vandrel$" AND NOT left)
+        file(REMOVE_RECURSE ${folder})
+    endif()
+endforeach()
