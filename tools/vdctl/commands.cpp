@@ -1,0 +1,34 @@
+// All commands and options. To add a command, declare its function below, write it in a file of its own (CMake finds
+// it) and add a row: help, usage, and the check of words and options follow from the row. The function gives an exit
+// status; where no answer is to be had it throws a failure (output.hpp) before it prints anything.
+#include "command.hpp"
+
+namespace vdctl {
+
+int zones_check(const invocation &given);
+
+namespace {
+
+constexpr command rows[] = {
+    {"zones check", "[FILE]", 0, 1, "f", "mistakes in a zone file, by line", zones_check},
+};
+
+constexpr option option_rows[] = {
+    {'j', "json", nullptr, "JSON instead of text"},
+    {'q', "quiet", nullptr, "errors only; the exit status tells the rest"},
+    {'h', "help", nullptr, "this text"},
+    {'V', "version", nullptr, "the version"},
+    {'f', "file", "FILE", "asks about FILE (-: standard input) instead of the live zone file"},
+    {'n', "no-schedule", nullptr, "leaves schedules alone"},
+    {'H', "html", nullptr, "one page for a browser"},
+    {'t', "timeout", "SECONDS", "how long to wait (0: for ever)"},
+    {'c', "count", "COUNT", "ends after so many messages"},
+    {'r', "reply-type", "TYPE", "waits for a message of this type"},
+};
+
+} // namespace
+
+const std::span<const command> commands{rows};
+const std::span<const option> options{option_rows};
+
+} // namespace vdctl
