@@ -10,7 +10,7 @@
  *     "schedule"          whether a zone that says yes is open now; not for access.members
  *
  * so a peer gets through only where "answer" and "schedule" are both true. What cannot be answered gets access.error,
- * which carries "type", "question" and a "text" that says why; without "question" where it is too long for a message.
+ * which carries "type", "question" and a "text" that says why; without "question" where a message can't hold it.
  * The "type" is the text that a handler gets: a/b comes back as a\/b.
  *
  * "subscribe" and "unsubscribe" take the name of a type as data and answer with a message of the type subscribed or
@@ -37,6 +37,8 @@
 #include <zones.h>
 
 #define LOG_ERROR(...) vd_logging_log(libvandrel_logcontext, LOG_ERR, __FILE__, __LINE__, -1, __VA_ARGS__)
+
+enum { LONGEST_MESSAGE = 999994 }; /* characters of JSON text */
 
 static const char zone_file[] = "/etc/vandrel/zones.json";
 static const char zones_changed[] = "zones.changed";
@@ -76,6 +78,13 @@ static struct json_object *new_message(const char *type, struct json_object *dat
     return NULL;
 }
 
+/* Whether ipc_write refuses the message for its length, rather than for a peer that has gone or doesn't read. */
+static bool is_too_long(struct json_object *message)
+{
+    const char *text = json_object_to_json_string(message);
+    return text && strlen(text) > LONGEST_MESSAGE;
+}
+
 static struct answer no_answer(const char *why)
 {
     return (struct answer){.error = why, .schedule = -1};
@@ -99,10 +108,13 @@ static void send_answer(int fd, const char *type, struct json_object *question, 
         return;
     }
     struct json_object *message = new_message(answer.error ? "access.error" : "access.reply", data);
-    const bool failed = message && ipc_write(fd, message) != 0; /* logs why it failed */
+    const bool failed = message && ipc_write(fd, message) != 0;
+    const bool too_long = failed && is_too_long(message);
     json_object_put(message);
-    if (failed && (question || type)) /* what is repeated may be too long, and the asker waits */
-        send_answer(fd, question ? type : NULL, NULL, no_answer("the question is too long"));
+    if (too_long && (question || type)) /* the asker waits */
+        send_answer(fd, question ? type : NULL, NULL, no_answer("question and answer are too long for a message"));
+    else if (failed)
+        LOG_ERROR("The answer to %s is lost", type ? type : "a question");
 }
 
 static struct answer yes_or_no(int allowed, uint8_t schedule)

@@ -85,7 +85,11 @@ int vd_set_process_uid_and_gid_by_names(const char *user, const char *group, boo
  *
  * Log: an open context stays good. The C library's connection to the log is closed before the descriptors are, so that
  * no later record can go to whatever has got its number by then, and the next record opens a new one, under the name
- * given to logging_init. A daemon that uses syslog under a name of its own calls openlog again.
+ * of its context. A daemon that calls syslog itself calls openlog again.
+ *
+ * SIGPIPE is held back while what stdio holds is written out, until both ending processes have ended: one whose
+ * standard output nobody reads any more becomes a daemon too. Mask and disposition are then what they were, and what
+ * the writing brought up is gone.
  *
  * SIGHUP is ignored from the first fork to setsid, or a caller that leads a session with a terminal would kill the
  * first child by ending; its disposition is then what it was.

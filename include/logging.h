@@ -29,8 +29,8 @@ extern logging_ctx *libvandrel_logcontext;
 /**
  * Opens a context of the caller's own, with the facility LOG_DAEMON.
  *
- * ident        the program name that records carry, borrowed until the process ends: syslog keeps its address. The name
- *              of a process's first context stays. NULL takes the name that the program was started under.
+ * ident        the program name that records of this context carry, borrowed until the process ends: syslog keeps its
+ *              address. NULL takes the name that the program was started under.
  * echo_stderr  stored unchanged in the context.
  *
  * Returns a new context, which vd_logging_close releases, or NULL when memory runs out. When libevtlog fails, the
@@ -64,6 +64,9 @@ void vd_logging_close(logging_ctx **ctx);
  * Returns 0 when the event log took the record; -1 when ctx or its event_ctx is NULL (nothing is formatted); -2 when
  * the text could not be formatted, a NULL format included; -3 when the record could not be made; -4 when the event log
  * failed. A tag that cannot be made is left out and does not fail the call.
+ *
+ * Each record tells syslog the name of its context, as openlog does: a daemon that also calls syslog itself sends under
+ * the name of the last record.
  *
  * The record goes to /dev/log and waits while that socket is full. Without a listener it is lost without a failure, and
  * so is a text that is too long for one datagram (some 200 kB on Linux with glibc).

@@ -2,7 +2,6 @@
 
 #include "handles.hpp"
 #include "log.hpp"
-#include "log_connection.hpp"
 #include "paths.hpp"
 
 #include <csignal>
@@ -17,6 +16,7 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 namespace {
@@ -125,6 +125,34 @@ private:
     struct sigaction before_ {};
 };
 
+/// Holds SIGPIPE back while it lives: what stdio still holds may be for a pipe that nobody reads any more, and both
+/// processes that end here write it out again.
+class broken_pipe_held_back {
+public:
+    broken_pipe_held_back() noexcept
+    {
+        sigset_t pending;
+        sigpending(&pending);
+        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
+        sigemptyset(&signal_);
+        sigaddset(&signal_, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &signal_, &mask_before_);
+    }
+    ~broken_pipe_held_back()
+    {
+        constexpr timespec at_once{};
+        if (!was_pending_)
+            uninterrupted([&] { return sigtimedwait(&signal_, nullptr, &at_once); });
+        pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
+    }
+    broken_pipe_held_back(const broken_pipe_held_back &) = delete;
+    broken_pipe_held_back &operator=(const broken_pipe_held_back &) = delete;
+
+private:
+    bool was_pending_;
+    sigset_t signal_, mask_before_;
+};
+
 /// Goes on in the first child, at the head of a session of its own.
 int start_session()
 {
@@ -146,6 +174,7 @@ int start_session()
 /// Goes on in the grandchild, which is in a new session but doesn't lead it and so can't gain a terminal by opening it.
 int detach()
 {
+    const broken_pipe_held_back guard;
     std::fflush(nullptr); // or each of the processes would write out what is buffered here
     if (const int failure = start_session(); failure != 0)
         return failure;
@@ -172,7 +201,7 @@ bool close_range_of_all()
 
 void close_descriptors()
 {
-    disconnect_log();
+    closelog(); // or a later record would go to whatever has got the number of the log's descriptor by then
     if (close_range_of_all())
         return;
     for (int fd = getdtablesize(); fd >= 0; --fd)

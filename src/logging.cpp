@@ -1,7 +1,6 @@
 #include "logging.h"
 
 #include "handles.hpp"
-#include "log_connection.hpp"
 
 #include <cstdarg>
 #include <cstdlib>
@@ -22,8 +21,7 @@ namespace {
 using namespace vandrel;
 
 struct {
-    const char *name = nullptr; // of the first context; libevtlog gives one name to syslog, at the first record
-    std::mutex lock;            // libevtlog counts the references to a context without one
+    std::mutex lock; // syslog has one name for all, and libevtlog counts the references to a context without a lock
 } state;
 
 constexpr std::size_t position_room = 16; // ":", a line number and the NUL
@@ -50,6 +48,25 @@ c_string format_position(const char *file, int line)
     return position;
 }
 
+/// libevtlog calls this for each record that it makes for a context. It would itself name the process to syslog only
+/// once, at the first record of all.
+int take_name(EVTREC *, void *name)
+{
+    openlog(static_cast<const char *>(name), LOG_PID, LOG_DAEMON);
+    return 1;
+}
+
+/// A context of libevtlog whose records carry the name, or null.
+EVTCONTEXT *open_event_log(const char *name)
+{
+    EVTCONTEXT *opened = evt_ctx_init(name, LOG_DAEMON);
+    if (opened && evt_ctx_tag_hook_add(opened, take_name, const_cast<char *>(name)) != 1) {
+        evt_ctx_free(opened);
+        return nullptr;
+    }
+    return opened;
+}
+
 void add_tag(EVTREC *record, EVTTAG *tag)
 {
     if (tag)
@@ -58,13 +75,6 @@ void add_tag(EVTREC *record, EVTTAG *tag)
 
 } // namespace
 
-void vandrel::disconnect_log() noexcept
-{
-    closelog(); // in glibc this also drops the name
-    if (state.name)
-        openlog(state.name, LOG_PID, LOG_DAEMON);
-}
-
 logging_ctx *libvandrel_logcontext = nullptr;
 
 logging_ctx *vd_logging_initialize(const char *ident, int echo_stderr)
@@ -72,11 +82,7 @@ logging_ctx *vd_logging_initialize(const char *ident, int echo_stderr)
     auto *ctx = static_cast<logging_ctx *>(std::calloc(1, sizeof(logging_ctx)));
     if (!ctx)
         return nullptr;
-    if (!ident)
-        ident = program_invocation_short_name;
-    if (!state.name)
-        state.name = ident;
-    ctx->event_ctx = evt_ctx_init(ident, LOG_DAEMON);
+    ctx->event_ctx = open_event_log(ident ? ident : program_invocation_short_name);
     ctx->echo_stderr = echo_stderr;
     return ctx;
 }

@@ -68,6 +68,24 @@ text status(pid_t pid, const text &name)
     return all.substr(begin, all.find('\n', begin) - begin);
 }
 
+/// A set of signals, as /proc/PID/status has it.
+unsigned long signals(pid_t pid, const text &name)
+{
+    return std::stoul(status(pid, name), nullptr, 16);
+}
+
+unsigned long bit(int signal)
+{
+    return 1UL << (signal - 1);
+}
+
+/// O_RDONLY, O_WRONLY or O_RDWR.
+int access_mode(pid_t pid, int fd)
+{
+    const text all = read_file("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(fd));
+    return std::stoi(all.substr(all.find("flags:") + 6), nullptr, 8) & O_ACCMODE;
+}
+
 class daemon_tools_test : public device_test {
 protected:
     daemon_tools_test()
@@ -118,10 +136,17 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
 {
     const int terminal = posix_openpt(O_RDWR);
     ASSERT_EQ(grantpt(terminal) | unlockpt(terminal), 0);
-    const daemonize_options options{nullptr, nullptr, 0123, nullptr, 0, false};
+    const daemonize_options narrow{nullptr, nullptr, 0123, nullptr, 0, false};
+    const daemonize_options open{nullptr, nullptr, 0, nullptr, 0, false};
+    const struct {
+        const daemonize_options *options;
+        bool plain_sweep; // the kernel lacks close_range
+        const char *mask;
+    } cases[] = {{nullptr, false, "0027"}, {&narrow, true, "0123"}, {&open, false, "0000"}};
     const auto note = [](int line) { vd_logging_log(libvandrel_logcontext, LOG_INFO, "x.c", line, -1, "note"); };
-    for (const bool plain_sweep : {false, true}) {
-        const auto before = [&] {
+    for (const auto &[options, plain_sweep, mask] : cases) {
+        const auto before = [&, is_denied = plain_sweep] {
+            std::signal(SIGHUP, SIG_DFL);
             note(1);  // so that the log has a descriptor
             setsid(); // the terminal becomes the controlling one, and the end of this process hangs it up
             if (ioctl(ioctl(terminal, TIOCGPTPEER, O_RDWR), TIOCSCTTY, 0) == 0 && freopen("/tmp/output", "w", stdout))
@@ -135,7 +160,7 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
             dup2(terminal, 800);
             const rlimit descriptors{801, 801};
             setrlimit(RLIMIT_NOFILE, &descriptors);
-            deny(plain_sweep ? SYS_close_range : SYS_sync, ENOSYS)();
+            deny(is_denied ? SYS_close_range : SYS_sync, ENOSYS)();
         };
         const auto last = [&] {
             int sockets[20]; // one has the number that was the log's
@@ -143,19 +168,70 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
                 socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets + i);
             note(2);
         };
-        const pid_t pid = start(plain_sweep ? &options : nullptr, before, last);
-        EXPECT_TRUE(status(pid, "Name") == "0,0" && forks == 2 && read_file("/tmp/output") == "once");
-        EXPECT_EQ(status(pid, "Umask"), plain_sweep ? "0123" : "0027");
+        const pid_t pid = start(options, before, last);
+        EXPECT_EQ(status(pid, "Name"), "0,0");
+        EXPECT_EQ(forks, 2);
+        EXPECT_EQ(read_file("/tmp/output"), "once");
+        EXPECT_EQ(status(pid, "Umask"), mask);
+        EXPECT_EQ(signals(pid, "SigIgn") & bit(SIGHUP), 0U);
         const fs::path process = "/proc/" + std::to_string(pid);
         EXPECT_EQ(fs::read_symlink(process / "cwd"), "/");
         std::set<text> descriptors;
         for (const auto &entry : fs::directory_iterator{process / "fd"})
             descriptors.insert(entry.path().filename().string() + fs::read_symlink(entry.path()).string());
         EXPECT_EQ(descriptors, (std::set<text>{"0/dev/null", "1/dev/null", "2/dev/null"}));
-        EXPECT_TRUE(getsid(pid) == getpgid(pid) && getsid(pid) != pid);
+        EXPECT_EQ(access_mode(pid, STDOUT_FILENO), O_RDWR);
+        EXPECT_EQ(getsid(pid), getpgid(pid));
+        EXPECT_NE(getsid(pid), pid);
         end(SIGCONT);
         const text line = raw_log(2).at(1);
         EXPECT_TRUE(line.find(" test[") != text::npos && line.ends_with(": note; filename='x.c:2'")) << line;
+    }
+}
+
+TEST_F(daemon_tools_test, output_that_nobody_reads_ends_no_process_and_leaves_no_signal)
+{
+    const auto broken_output = [] {
+        std::signal(SIGPIPE, SIG_DFL);
+        int ends[2];
+        if (pipe(ends) == 0) {
+            dup2(ends[1], STDOUT_FILENO);
+            close(ends[1]);
+            close(ends[0]);
+        }
+        std::fputs("written out when the process ends, at the latest", stdout);
+    };
+    const auto block = [] {
+        sigset_t signal;
+        sigemptyset(&signal);
+        sigaddset(&signal, SIGPIPE);
+        sigprocmask(SIG_BLOCK, &signal, nullptr);
+    };
+    const step raised = [&] { block(), raise(SIGPIPE); };
+    const struct {
+        step before, fault;
+        int ended; // processes
+        bool blocked, pending;
+        const char *name;
+    } cases[] = {
+        {nothing, nothing, 2, false, false, "0,0"},
+        {block, nothing, 2, true, false, "0,0"},
+        {nothing, deny(SYS_clone, EAGAIN), 0, false, false, "-1,0"},
+        {raised, deny(SYS_clone, EAGAIN), 0, true, true, "-1,0"},
+        {nothing, deny(SYS_setsid, EPERM), 1, false, false, "-2,0"},
+    };
+    for (const auto &[before, fault, ended, blocked, pending, name] : cases) {
+        const pid_t pid = start(nullptr, [&, &set_up = before, &deny_it = fault] {
+            set_up();
+            broken_output();
+            deny_it();
+        });
+        ASSERT_GT(pid, 0) << name;
+        EXPECT_EQ(status(pid, "Name"), name);
+        EXPECT_EQ(forks, ended) << name;
+        EXPECT_EQ(signals(pid, "SigBlk") & bit(SIGPIPE), blocked ? bit(SIGPIPE) : 0) << name;
+        EXPECT_EQ(signals(pid, "SigPnd") & bit(SIGPIPE), pending ? bit(SIGPIPE) : 0) << name;
+        EXPECT_EQ((signals(pid, "SigIgn") | signals(pid, "SigCgt")) & bit(SIGPIPE), 0U) << name;
     }
 }
 
@@ -164,15 +240,20 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
     if (!several_ids())
         GTEST_SKIP() << "needs several ids";
     const text all = "00000000000001c1", chown = "0000000000000001", none = "0000000000000000";
-    // user, group, whether there is a list; ids, supplementary groups (7 when kept), capabilities and secure bits
-    const std::tuple<const char *, const char *, bool, text, text, text, text> cases[] = {
-        {nullptr, nullptr, true, root + root, "7 ", chown, "0,0"},
-        {nullptr, "agent", false, root + agents, "7 ", all, "0,0"},
-        {"agent", nullptr, true, agent + root, "7 ", chown, "0,12"},
-        {"agent", "agent", false, agent + agents, "1002 1003 ", none, "0,0"},
-        {"agent", "agent", true, agent + agents, "1002 1003 ", chown, "0,12"},
+    const struct {
+        const char *user, *group;
+        bool list; // whether there is one
+        text uids, gids;
+        text groups; // the supplementary ones; 7 when kept
+        text capabilities, name;
+    } cases[] = {
+        {nullptr, nullptr, true, root, root, "7 ", chown, "0,0"},
+        {nullptr, "agent", false, root, agents, "7 ", all, "0,0"},
+        {"agent", nullptr, true, agent, root, "7 ", chown, "0,12"},
+        {"agent", "agent", false, agent, agents, "1002 1003 ", none, "0,0"},
+        {"agent", "agent", true, agent, agents, "1002 1003 ", chown, "0,12"},
     };
-    for (const auto &[user, group, list, ids, groups, capabilities, name] : cases) {
+    for (const auto &[user, group, list, uids, gids, groups, capabilities, name] : cases) {
         for (const bool keep : {false, true}) {
             const daemonize_options options{user, group, 027, list ? chown_only : nullptr, 1, keep};
             const pid_t pid = start(&options, [] {
@@ -180,11 +261,15 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
                 setgroups(1, &other);
                 hold("cap_chown,cap_setgid,cap_setuid,cap_setpcap=eip")();
             });
-            EXPECT_EQ(status(pid, "Uid") + status(pid, "Gid"), ids);
+            EXPECT_EQ(status(pid, "Uid"), uids);
+            EXPECT_EQ(status(pid, "Gid"), gids);
             EXPECT_EQ(status(pid, "Groups"), keep ? "7 " : groups);
-            EXPECT_EQ(status(pid, "CapPrm") + status(pid, "CapEff"), capabilities + capabilities);
+            EXPECT_EQ(status(pid, "CapPrm"), capabilities);
+            EXPECT_EQ(status(pid, "CapEff"), capabilities);
             EXPECT_EQ(status(pid, "CapInh"), list ? none : all);
-            EXPECT_TRUE(status(pid, "Name") == name && forks == 2 && log().empty()) << ids;
+            EXPECT_EQ(status(pid, "Name"), name) << name;
+            EXPECT_EQ(forks, 2) << name;
+            EXPECT_EQ(log(), records{}) << name;
         }
     }
 }
@@ -199,32 +284,42 @@ TEST_F(daemon_tools_test, failure_is_logged_and_returned_where_it_happens)
     const auto kept = as("agent", "agent", true), empty = as("agent", "agent", false, chown_only, 0);
     const step no_second_fork = [] { pthread_atfork(nullptr, nullptr, [] { deny(SYS_clone, EAGAIN)(); }); };
     const text again = "Resource temporarily unavailable\n", denied = "Operation not permitted\n";
-    const text as_root = root + root, half = root + agents, as_agent = agent + agents;
-    // the result and that of the change of ids, how many forks were made, the ids, and what is logged with which error
-    const std::tuple<daemonize_options, step, int, int, int, text, text, int> cases[] = {
-        {list, hold("cap_setgid,cap_setuid=ep"), -20, 0, 0, as_root, "Setting securebits failed", EPERM},
-        {as("agent", "none"), nothing, -21, -8, 0, as_root, "Didn't find group 'none' for setting process group id",
+    const struct {
+        daemonize_options wanted;
+        step before;
+        int result, of_ids; // of_ids: of the change of ids
+        int ended;          // how many processes
+        text uids, gids;
+        text message;
+        int err;
+    } cases[] = {
+        {list, hold("cap_setgid,cap_setuid=ep"), -20, 0, 0, root, root, "Setting securebits failed", EPERM},
+        {as("agent", "none"), nothing, -21, -8, 0, root, root, "Didn't find group 'none' for setting process group id",
          -1},
-        {plain, hold("cap_setuid=ep"), -21, -9, 0, as_root, "initgroups() failed", EPERM},
-        {kept, hold("cap_setuid=ep"), -21, -7, 0, as_root, "Unable to set group id to 1002 (name 'agent')", EPERM},
-        {as("none", "agent"), nothing, -21, -5, 0, half, "Didn't find user 'none' for setting process user id", -1},
-        {plain, hold("cap_setgid=ep"), -21, -6, 0, half, "Unable to set user id to 1001 (name 'agent')", EPERM},
-        {list, deny(SYS_capget, EPERM), -22, 0, 0, as_agent, "cap_get_proc() failed", -1},
-        {empty, nothing, -23, 0, 0, as_agent, "cap_set_flag() with CAP_PERMITTED failed", -1},
-        {list, hold("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, 0, as_agent, "cap_set_proc() failed", EPERM},
-        {plain, deny(SYS_clone, EAGAIN), -1, 0, 0, as_agent, "Error, cannot fork, " + again, EAGAIN},
-        {plain, deny(SYS_setsid, EPERM), -2, 0, 1, as_agent, "Error, setsid failed, " + denied, EPERM},
-        {plain, no_second_fork, -3, 0, 1, as_agent, "Error, cannot fork second time, " + again, EAGAIN},
-        {plain, deny(SYS_chdir, EPERM), -4, 0, 2, as_agent, "Error, cannot change directory into /", -1},
+        {plain, hold("cap_setuid=ep"), -21, -9, 0, root, root, "initgroups() failed", EPERM},
+        {kept, hold("cap_setuid=ep"), -21, -7, 0, root, root, "Unable to set group id to 1002 (name 'agent')", EPERM},
+        {as("none", "agent"), nothing, -21, -5, 0, root, agents, "Didn't find user 'none' for setting process user id",
+         -1},
+        {plain, hold("cap_setgid=ep"), -21, -6, 0, root, agents, "Unable to set user id to 1001 (name 'agent')", EPERM},
+        {list, deny(SYS_capget, EPERM), -22, 0, 0, agent, agents, "cap_get_proc() failed", -1},
+        {empty, nothing, -23, 0, 0, agent, agents, "cap_set_flag() with CAP_PERMITTED failed", -1},
+        {list, hold("cap_setgid,cap_setuid,cap_setpcap=ep"), -25, 0, 0, agent, agents, "cap_set_proc() failed", EPERM},
+        {plain, deny(SYS_clone, EAGAIN), -1, 0, 0, agent, agents, "Error, cannot fork, " + again, EAGAIN},
+        {plain, deny(SYS_setsid, EPERM), -2, 0, 1, agent, agents, "Error, setsid failed, " + denied, EPERM},
+        {plain, no_second_fork, -3, 0, 1, agent, agents, "Error, cannot fork second time, " + again, EAGAIN},
+        {plain, deny(SYS_chdir, EPERM), -4, 0, 2, agent, agents, "Error, cannot change directory into /", -1},
     };
-    for (const auto &[wanted, before, result, of_ids, ended, ids, message, err] : cases) {
+    for (const auto &[wanted, before, result, of_ids, ended, uids, gids, message, err] : cases) {
         const pid_t pid = start(&wanted, before);
         records logged{error(message, "daemon_tools.c", err)};
         if (of_ids != 0)
             logged.push_back(error("Failed to change uid and gid, error " + std::to_string(of_ids), "daemon_tools.c"));
         EXPECT_EQ(log(), logged);
-        EXPECT_TRUE(status(pid, "Name").starts_with(std::to_string(result) + ",") && forks == ended) << result;
-        EXPECT_EQ(status(pid, "Uid") + status(pid, "Gid"), ids) << result;
+        const text name = status(pid, "Name");
+        EXPECT_EQ(name.substr(0, name.find(',')), std::to_string(result));
+        EXPECT_EQ(forks, ended) << result;
+        EXPECT_EQ(status(pid, "Uid"), uids) << result;
+        EXPECT_EQ(status(pid, "Gid"), gids) << result;
     }
 }
 
