@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 // Known one-time allocations of libraries; nothing of ours is named here.
 extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions()
@@ -16,7 +15,7 @@ extern "C" __attribute__((visibility("default"))) const char *__lsan_default_sup
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    if (access(host_path("/").c_str(), F_OK) != 0) {
+    if (!on_device()) {
         std::fputs("Tests need an empty device: use ctest, or tools/device/device before the program.\n", stderr);
         return 2;
     }

@@ -149,8 +149,15 @@ pid_t fork_into_device()
     return static_cast<pid_t>(pid);
 }
 
+bool on_device()
+{
+    return access(host_root, F_OK) == 0;
+}
+
 void enter_device()
 {
+    if (on_device())
+        return;
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
     check(unshare(namespaces()), "unshare");

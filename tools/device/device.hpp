@@ -13,7 +13,10 @@
 /// device.
 pid_t fork_into_device();
 
-/// Moves the calling process itself onto an empty device (it keeps its pid namespace).
+/// Whether the process is on an empty device.
+bool on_device();
+
+/// Moves the calling process itself onto an empty device (it keeps its pid namespace), unless it is on one.
 void enter_device();
 
 /// Whether the device has more than one user and group id; an ordinary user's has not.
