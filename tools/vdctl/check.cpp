@@ -211,7 +211,7 @@ private:
 
     static std::string cut(const std::string &name, zone_member_type type)
     {
-        return name.substr(0, type == ZONE_MEMBER_PORT ? 13 : 26);
+        return name.substr(0, type == ZONE_MEMBER_PORT ? port_name_length : common_name_length);
     }
 
     void note_names(json_object *zones, const scanned_key &place)
@@ -302,9 +302,7 @@ text line_of(const finding &found)
 
 json_object *json_of(const finding &found)
 {
-    const auto key = [](const std::optional<std::string> &name) {
-        return name ? json_object_new_string_len(name->data(), static_cast<int>(name->size())) : nullptr;
-    };
+    const auto key = [](const std::optional<std::string> &name) { return name ? new_string(*name) : nullptr; };
     json_object *object = json_object_new_object();
     json_object_object_add(object, "line", json_object_new_int64(found.line));
     json_object_object_add(object, "level", json_object_new_string(name_of(found.level)));
@@ -351,7 +349,7 @@ std::vector<finding> find_mistakes(const zone_text &file)
 int zones_check(const invocation &given)
 {
     if (given.has('f') && !given.words.empty())
-        throw failure{"one file at a time: FILE or --file"};
+        throw misuse{"one file at a time: FILE or --file"};
     const char *path = given.has('f') ? given.value('f') : given.words.empty() ? live_file : given.words[0];
     const std::vector<finding> findings = find_mistakes(read_zone_text(path));
     print_findings(path, findings);

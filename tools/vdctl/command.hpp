@@ -1,6 +1,8 @@
 // What a command of vdctl is, and what it is given.
 #pragma once
 
+#include "output.hpp"
+
 #include <map>
 #include <span>
 #include <vector>
@@ -38,6 +40,11 @@ struct command {
     const char *options; // letters, besides those that every command has
     const char *purpose;
     int (*run)(const invocation &given); // gives the exit status, or throws a failure
+};
+
+/// Wrong usage: ends vdctl with status 2, what is wrong and a usage.
+struct misuse {
+    text reason;
 };
 
 struct option {

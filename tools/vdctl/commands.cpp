@@ -6,10 +6,13 @@
 namespace vdctl {
 
 int zones_check(const invocation &given);
+int zones_why(const invocation &given);
 
 namespace {
 
 constexpr command rows[] = {
+    {"zones why", "PEER TARGET", 2, 2, "fn",
+     "whether a peer may reach a target, and by which line of the file or why not", zones_why},
     {"zones check", "[FILE]", 0, 1, "f", "mistakes in a zone file, by line", zones_check},
 };
 

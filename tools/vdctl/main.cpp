@@ -16,11 +16,7 @@ using namespace vdctl;
 
 constexpr std::string_view common_options = "jqhV";
 
-/// Wrong usage: what is wrong, and the command whose usage helps, if one is known.
-struct misuse {
-    text reason;
-    const command *row = nullptr;
-};
+const command *current = nullptr; // whose usage helps, once it is known
 
 text usage(const command *row)
 {
@@ -187,16 +183,16 @@ void check_options(const command &row, const invocation &given)
 {
     for (const auto &[letter, value] : given.options) {
         if (common_options.find(letter) == common_options.npos && !std::strchr(row.options, letter))
-            throw misuse{quoted(row.name) + " takes no --" + text::of(option_with(letter)->name), &row};
+            throw misuse{quoted(row.name) + " takes no --" + text::of(option_with(letter)->name)};
     }
 }
 
 void check_words(const command &row, const invocation &given)
 {
     if (given.words.size() < row.fewest)
-        throw misuse{quoted(row.name) + " needs " + text::of(row.words), &row};
+        throw misuse{quoted(row.name) + " needs " + text::of(row.words)};
     if (given.words.size() > row.most)
-        throw misuse{"too many words, from " + quoted(given.words[row.most]) + " on", &row};
+        throw misuse{"too many words, from " + quoted(given.words[row.most]) + " on"};
 }
 
 void print_options(const char *letters)
@@ -246,6 +242,7 @@ int run(std::span<char *> arguments)
     const command *row = find_command(given.words);
     if (!row)
         refuse_command(given.words);
+    current = row;
     check_options(*row, given);
     given.words.erase(given.words.begin(), given.words.begin() + static_cast<std::ptrdiff_t>(words_of(*row)));
     check_words(*row, given);
@@ -262,7 +259,7 @@ int main(int argc, char **argv)
         return status;
     } catch (const misuse &wrong) {
         error(wrong.reason);
-        std::fprintf(stderr, "%s\n", usage(wrong.row).str().c_str());
+        std::fprintf(stderr, "%s\n", usage(current).str().c_str());
     } catch (const failure &failed) {
         error(failed.reason);
     } catch (const std::bad_alloc &) {

@@ -176,6 +176,11 @@ void print(colour shade, const text &word, const text &rest)
     print_raw((is_coloured ? codes[static_cast<int>(shade)] + word.str() + "\033[0m" : word.str()) + rest.str() + '\n');
 }
 
+json_object *new_string(std::string_view value)
+{
+    return json_object_new_string_len(value.data(), static_cast<int>(value.size()));
+}
+
 std::string json_text(json_object *object)
 {
     const char *json = json_object_to_json_string_ext(object, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);

@@ -72,6 +72,8 @@ void flush_output();                                          // a failed write 
 void warn(const text &reason);  // nothing with -q
 void error(const text &reason); // always
 
+json_object *new_string(std::string_view value);
+
 /// JSON text as json-c gives it, without what steers a terminal.
 std::string json_text(json_object *object);
 

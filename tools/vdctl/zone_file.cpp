@@ -21,7 +21,6 @@ namespace vdctl {
 namespace {
 
 constexpr std::size_t largest_file = std::size_t{256} << 20;
-constexpr std::size_t common_name_length = 26, port_name_length = 13;
 
 const char *text_of(json_object *value)
 {
@@ -254,7 +253,8 @@ scanned_key scan(std::string_view json)
 zone_text read_zone_text(const char *path)
 {
     const bool is_input = std::strcmp(path, "-") == 0;
-    unique_fd opened{is_input ? -1 : open(path, O_RDONLY | O_NOCTTY | O_CLOEXEC)};
+    const int wait_for_none = path == live_file ? O_NONBLOCK : 0; // the library does not wait for a FIFO's writer
+    unique_fd opened{is_input ? -1 : open(path, O_RDONLY | O_NOCTTY | O_CLOEXEC | wait_for_none)};
     const int fd = is_input ? STDIN_FILENO : opened.get();
     struct stat status {};
     if (fd < 0 || fstat(fd, &status) != 0)

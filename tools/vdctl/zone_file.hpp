@@ -17,6 +17,7 @@
 namespace vdctl {
 
 inline constexpr char live_file[] = "/etc/vandrel/zones.json";
+inline constexpr std::size_t common_name_length = 26, port_name_length = 13; // longer ones are cut
 
 /// A key of an object. Of equal keys json-c keeps the place of the first and the value of the last, and so does this.
 struct scanned_key {
