@@ -3,6 +3,7 @@
 #include "handles.hpp"
 #include "heap_array.hpp"
 #include "ip_calculation.h"
+#include "loaded_package.hpp"
 #include "log.hpp"
 #include "netutil.h"
 #include "paths.hpp"
@@ -247,16 +248,14 @@ netinfo_lan *netinfo_find_by_ifname(netinfo_lan *lans, int count, const char *if
 int netinfo_get_lans(netinfo_lan **lans, int *count)
 {
     log_info("netinfo_get_lans");
-    uci_context *loaded = nullptr;
-    uci_package *network = nullptr;
-    if (!lans || !count || config_load_network(&loaded, &network, nullptr, nullptr) != 0)
+    const loaded_package network = lans && count ? load_config(network_package) : loaded_package{};
+    if (!network)
         return 0;
-    const uci_handle ctx{loaded};
     heap_array<netinfo_lan> found{1};
     uci_element *element;
-    uci_foreach_element (&network->sections, element) {
+    uci_foreach_element (&network.package->sections, element) {
         uci_section *section = uci_to_section(element);
-        if (is_lan(ctx.get(), section) && !found.push_back(describe_lan(ctx.get(), section)))
+        if (is_lan(network.ctx.get(), section) && !found.push_back(describe_lan(network.ctx.get(), section)))
             return 0;
     }
     *count = static_cast<int>(found.size());

@@ -1,11 +1,10 @@
 #include "netmap.h"
 
-#include "handles.hpp"
 #include "heap_array.hpp"
 #include "ip_calculation.h"
+#include "loaded_package.hpp"
 #include "log.hpp"
 #include "uciconfig.h"
-#include "ucistate.h"
 #include "util.h"
 
 #include <cstring>
@@ -48,6 +47,42 @@ std::optional<netmap_entry> mapping_of(uci_context *ctx, uci_section *section)
     return netmap_entry{ip & netmask, mapped & netmask, netmask};
 }
 
+/// An address with its network replaced; which of the texts is no address is logged.
+std::optional<uint32_t> translate_text(const char *ipaddr, const char *netmask, const char *netmapaddr)
+{
+    uint32_t ip, mask, mapped;
+    if (!ip_parse_p(&ip, ipaddr)) {
+        log_warning("Parsing ipaddr %s failed", ipaddr);
+        return {};
+    }
+    if (!ip_parse_p(&mask, netmask)) {
+        log_warning("Parsing netmaks %s failed", netmask); // spelled so in the message
+        return {};
+    }
+    if (!ip_parse_p(&mapped, netmapaddr)) {
+        log_warning("Parsing netmapaddr %s failed", netmapaddr);
+        return {};
+    }
+    return with_network(ip, mapped, mask);
+}
+
+/// What an interface's address is in the network that it is mapped to; why it is nothing is logged.
+std::optional<uint32_t> find_mapped_address(uci_context *ctx, uci_section *section, const char *ipaddr)
+{
+    const char *netmask = lookup_address(ctx, section, "netmask");
+    if (!netmask) {
+        log_warning("No netmask found for interface");
+        return {};
+    }
+    const char *netmapaddr = lookup_address(ctx, section, "netmapaddr");
+    if (!netmapaddr) {
+        log_warning("No netmapaddr found for interface");
+        return {};
+    }
+    return translate_text(ipaddr, netmask, netmapaddr);
+}
+
+/// Puts a rule in the place of the one that ends the table, and ends it again.
 bool append(heap_array<netmap_entry> &table, const netmap_entry &entry)
 {
     table.back() = entry;
@@ -72,16 +107,14 @@ netmap_entry *netmap_load(void)
     log_info("state_load_network");
     if (!ended)
         return nullptr;
-    uci_context *loaded = nullptr;
-    uci_package *network = nullptr;
-    if (state_load_network(&loaded, &network) != 0) {
+    const loaded_package network = load_state(network_package);
+    if (!network) {
         log_warning("Loading UCI state failed");
         return nullptr;
     }
-    const uci_handle ctx{loaded};
     uci_element *element;
-    uci_foreach_element (&network->sections, element) {
-        const auto entry = mapping_of(ctx.get(), uci_to_section(element));
+    uci_foreach_element (&network.package->sections, element) {
+        const auto entry = mapping_of(network.ctx.get(), uci_to_section(element));
         if (entry && !append(table, *entry))
             return nullptr;
     }
@@ -101,30 +134,10 @@ char *get_network_ip(char *buffer, struct uci_context *ctx, struct uci_section *
         strlcpy(buffer, ipaddr, address_size);
         return buffer;
     }
-    const char *netmask = lookup_address(ctx, section, "netmask");
-    if (!netmask) {
-        log_warning("No netmask found for interface");
+    const auto mapped = find_mapped_address(ctx, section, ipaddr);
+    if (!mapped)
         return nullptr;
-    }
-    const char *netmapaddr = lookup_address(ctx, section, "netmapaddr");
-    if (!netmapaddr) {
-        log_warning("No netmapaddr found for interface");
-        return nullptr;
-    }
-    uint32_t ip, mask, mapped;
-    if (!ip_parse_p(&ip, ipaddr)) {
-        log_warning("Parsing ipaddr %s failed", ipaddr);
-        return nullptr;
-    }
-    if (!ip_parse_p(&mask, netmask)) {
-        log_warning("Parsing netmaks %s failed", netmask); // spelled so in the message
-        return nullptr;
-    }
-    if (!ip_parse_p(&mapped, netmapaddr)) {
-        log_warning("Parsing netmapaddr %s failed", netmapaddr);
-        return nullptr;
-    }
-    if (!ip_format(buffer, with_network(ip, mapped, mask))) {
+    if (!ip_format(buffer, *mapped)) {
         log_warning("Formatting IP address failed!");
         return nullptr;
     }

@@ -37,6 +37,47 @@ std::optional<int32_t> parse_number(const char *text, int highest)
     return error ? std::nullopt : std::optional{static_cast<int32_t>(number)};
 }
 
+/// Cuts the VLAN number behind the first dot off the name, if there is one.
+bool take_vlan(char *name, int32_t &vlan)
+{
+    char *dot = std::strchr(name, '.');
+    if (!dot)
+        return true;
+    const auto number = parse_number(dot + 1, highest_vlan);
+    if (!number) {
+        log_error("Failed parsing ifname: vlan %s is invalid", dot + 1);
+        return false;
+    }
+    vlan = *number;
+    *dot = '\0';
+    return true;
+}
+
+/// Cuts the number behind the letters off the name.
+bool take_number(char *name, int32_t &number)
+{
+    char *digits = name;
+    while (is_letter(*digits))
+        ++digits;
+    if (*digits == '\0') {
+        log_error("No physical interface number was found");
+        return false;
+    }
+    if (!is_digit(*digits)) { // strtonum would take a sign or a blank
+        log_error("Invalid character in interface name");
+        return false;
+    }
+    const auto found = parse_number(digits, highest_parsed_number);
+    if (!found) {
+        log_error("Failed to parse ifname: interface number out of range");
+        return false;
+    }
+    number = *found;
+    *digits = '\0';
+    return true;
+}
+
+/// Takes a name apart from its end: the VLAN and the number go, and the letters are left.
 std::optional<netutil_ifname_parts> parse_ifname(const char *text)
 {
     if (std::strlen(text) >= ifname_size) {
@@ -46,34 +87,8 @@ std::optional<netutil_ifname_parts> parse_ifname(const char *text)
     char name[ifname_size];
     strlcpy(name, text, sizeof name);
     netutil_ifname_parts parts{"", -1, -1};
-
-    if (char *dot = std::strchr(name, '.')) {
-        const auto vlan = parse_number(dot + 1, highest_vlan);
-        if (!vlan) {
-            log_error("Failed parsing ifname: vlan %s is invalid", dot + 1);
-            return {};
-        }
-        parts.vlan = *vlan;
-        *dot = '\0';
-    }
-
-    char *digits = std::find_if_not(name, name + std::strlen(name), is_letter);
-    if (*digits == '\0') {
-        log_error("No physical interface number was found");
+    if (!take_vlan(name, parts.vlan) || !take_number(name, parts.number))
         return {};
-    }
-    if (!is_digit(*digits)) {
-        log_error("Invalid character in interface name");
-        return {};
-    }
-    const auto number = parse_number(digits, highest_parsed_number);
-    if (!number) {
-        log_error("Failed to parse ifname: interface number out of range");
-        return {};
-    }
-    parts.number = *number;
-
-    *digits = '\0';
     if (strlcpy(parts.prefix, name, sizeof parts.prefix) >= sizeof parts.prefix) {
         log_error("Too long LAN prefix name");
         return {};

@@ -1,13 +1,13 @@
 #include "uciconfig.h"
 
-#include "uciconfig.hpp"
-
 #include "handles.hpp"
 #include "ip_calculation.h"
+#include "loaded_package.hpp"
 #include "log.hpp"
 #include "paths.hpp"
 #include "util.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -52,6 +52,72 @@ auto type_of(const uci_option &option)
     return type;
 }
 
+/// The option that a lookup path leads to, or null. libuci cuts the path up in place.
+const uci_option *find_option(uci_context *ctx, char *path)
+{
+    uci_ptr found{};
+    const bool resolved = uci_lookup_ptr(ctx, &found, path, true) == UCI_OK;
+    return resolved && (found.flags & uci_ptr::UCI_LOOKUP_COMPLETE) ? found.o : nullptr;
+}
+
+/// The text of an option of either type.
+c_string text_of(const uci_option &option)
+{
+    const auto type = type_of(option);
+    if (type != UCI_TYPE_STRING && type != UCI_TYPE_LIST) {
+        log_error("config: Unknown option type!");
+        return nullptr;
+    }
+    c_string text = type == UCI_TYPE_STRING ? c_string{strdup(option.v.string)} : joined_items(option.v.list);
+    if (!text)
+        log_error("config_lookup: Allocating memory failed: %s", std::strerror(errno));
+    return text;
+}
+
+/// The text at a formatted path, in a context made for this one lookup; null without one.
+c_string lookup(const uci_handle &ctx, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+c_string lookup(const uci_handle &ctx, const char *format, va_list args)
+{
+    char path[text_size];
+    if (!ctx || !format || std::vsnprintf(path, sizeof path, format, args) < 0)
+        return nullptr;
+    const uci_option *option = find_option(ctx.get(), path);
+    return option && option->v.string ? text_of(*option) : nullptr;
+}
+
+/// A section by its name; that there is none is logged.
+uci_section *find_section(const loaded_package &in, const char *package_name, const char *section_name)
+{
+    uci_section *found = uci_lookup_section(in.ctx.get(), in.package, section_name);
+    if (!found)
+        ucierr(in.ctx.get(), "Loading section %s.%s", package_name, section_name);
+    return found;
+}
+
+/// Loads a package, and a section of it if both its name and its output are given, into the outputs of an exported
+/// loader.
+int load_into(uci_context **ctx, const char *name, uci_package **package, const char *section_name,
+              uci_section **section)
+{
+    if (ctx)
+        *ctx = nullptr;
+    if (package)
+        *package = nullptr;
+    loaded_package loaded = ctx && package ? load_config(name) : loaded_package{};
+    if (!loaded) {
+        if (section)
+            *section = nullptr;
+        return -1;
+    }
+    if (section_name && section) {
+        if (uci_section *found = find_section(loaded, name, section_name))
+            *section = found;
+    }
+    *ctx = loaded.ctx.release();
+    *package = loaded.package;
+    return 0;
+}
+
 /// The text of a string option, or null: a list counts as absent.
 const char *string_option(uci_context *ctx, uci_section *section, const char *option)
 {
@@ -67,84 +133,31 @@ const char *save_and_commit(uci_context *ctx, uci_package *package)
 }
 
 /// Deletes the option, saves and commits; the result is that of the setters.
-int delete_setting(uci_context *ctx, uci_package *package, uci_section *section, const char *option)
+int delete_setting(const loaded_package &loaded, uci_section *section, const char *option)
 {
-    if (!section || !uci_lookup_option(ctx, section, option))
+    if (!section || !uci_lookup_option(loaded.ctx.get(), section, option))
         return 2;
     if (uci_delete_option(section, option, true) != 0)
         return 1;
-    return save_and_commit(ctx, package) ? 1 : 0;
+    return save_and_commit(loaded.ctx.get(), loaded.package) ? 1 : 0;
 }
 
 } // namespace
 
 namespace vandrel {
 
-c_string config_vlookup(uci_context *ctx, const char *format, va_list args)
+loaded_package load_config(const char *name)
 {
-    char path[text_size]; // libuci cuts the path up in place and found points into it, so it lives as long as found
-    if (!format || std::vsnprintf(path, sizeof path, format, args) < 0)
-        return nullptr;
-    uci_ptr found{};
-    const bool resolved = uci_lookup_ptr(ctx, &found, path, true) == UCI_OK;
-    if (!resolved || !(found.flags & uci_ptr::UCI_LOOKUP_COMPLETE) || !found.o || !found.o->v.string)
-        return nullptr;
-    const auto type = type_of(*found.o);
-    if (type != UCI_TYPE_STRING && type != UCI_TYPE_LIST) {
-        log_error("config: Unknown option type!");
-        return nullptr;
-    }
-    c_string text = type == UCI_TYPE_STRING ? c_string{strdup(found.o->v.string)} : joined_items(found.o->v.list);
-    if (!text)
-        log_error("config_lookup: Allocating memory failed: %s", std::strerror(errno));
-    return text;
-}
-
-int config_load_package(uci_context **ctx, const char *package_name, uci_package **package, const char *section_name,
-                        uci_section **section)
-{
-    if (ctx)
-        *ctx = nullptr;
-    if (package)
-        *package = nullptr;
-    const auto fail = [section] {
-        if (section)
-            *section = nullptr;
-        return -1;
-    };
-    if (!ctx || !package)
-        return fail();
-
-    uci_handle loading{uci_alloc_context()};
-    if (!loading) {
+    loaded_package loaded{uci_handle{uci_alloc_context()}};
+    if (!loaded.ctx) {
         log_error("Failed initializing uci context");
-        return fail();
+        return {};
     }
-    uci_package *loaded = nullptr;
-    if (uci_load(loading.get(), package_name, &loaded) != UCI_OK) {
-        ucierr(loading.get(), "Failed loading package %s", package_name);
-        return fail();
+    if (uci_load(loaded.ctx.get(), name, &loaded.package) != UCI_OK) {
+        ucierr(loaded.ctx.get(), "Failed loading package %s", name);
+        return {};
     }
-    if (section_name && section) {
-        if (uci_section *found = uci_lookup_section(loading.get(), loaded, section_name))
-            *section = found;
-        else
-            ucierr(loading.get(), "Loading section %s.%s", package_name, section_name);
-    }
-    *ctx = loading.release();
-    *package = loaded;
-    return 0;
-}
-
-uci_handle new_state_context()
-{
-    uci_handle ctx{uci_alloc_context()};
-    if (!ctx)
-        return nullptr;
-    uci_add_delta_path(ctx.get(), ctx->savedir); // "duplicate" where libuci has it in the list from the start
-    if (uci_set_savedir(ctx.get(), state_directory) != UCI_OK)
-        return nullptr; // it would save run-time values where they count as configuration
-    return ctx;
+    return loaded;
 }
 
 uci_ptr option_change(uci_section *section, const char *option, const char *value)
@@ -163,13 +176,11 @@ uci_ptr option_change(uci_section *section, const char *option, const char *valu
 char *config_lookup(const char *format, ...)
 {
     const uci_handle ctx{uci_alloc_context()};
-    if (!ctx) {
+    if (!ctx)
         log_error("Failed to allocate UCI context");
-        return nullptr;
-    }
     va_list args;
     va_start(args, format);
-    c_string text = config_vlookup(ctx.get(), format, args);
+    c_string text = lookup(ctx, format, args);
     va_end(args);
     return text.release();
 }
@@ -194,12 +205,9 @@ int config_get_setting_bool(const char *option)
 
 char *state_lookup(const char *format, ...)
 {
-    const uci_handle ctx = new_state_context();
-    if (!ctx)
-        return nullptr;
     va_list args;
     va_start(args, format);
-    c_string text = config_vlookup(ctx.get(), format, args);
+    c_string text = lookup(new_state_context(), format, args);
     va_end(args);
     return text.release();
 }
@@ -223,12 +231,12 @@ uint32_t uci_lookup_option_ip(uci_context *ctx, uci_section *section, const char
 
 int config_load(uci_context **ctx, uci_package **package, uci_section **section)
 {
-    return config_load_package(ctx, own_package, package, own_section, section);
+    return load_into(ctx, own_package, package, own_section, section);
 }
 
 int config_load_network(uci_context **ctx, uci_package **package, const char *section_name, uci_section **section)
 {
-    return config_load_package(ctx, network_package, package, section_name, section);
+    return load_into(ctx, network_package, package, section_name, section);
 }
 
 void ucierr(uci_context *ctx, const char *format, ...)
@@ -329,16 +337,14 @@ int config_set_section_setting_string(const char *package, const char *section, 
     }
     if (!section)
         section = own_section;
-    uci_context *ctx = nullptr;
-    uci_package *loaded = nullptr;
-    uci_section *found = nullptr;
-    if (config_load_package(&ctx, package, &loaded, section, &found) != 0) {
+    const loaded_package loaded = load_config(package);
+    if (!loaded) {
         log_error("loading %s.%s failed", package, section);
         return 1;
     }
-    const uci_handle owner{ctx};
-    return value ? config_set_string(ctx, loaded, found, option, value, true)
-                 : delete_setting(ctx, loaded, found, option);
+    uci_section *found = find_section(loaded, package, section);
+    return value ? config_set_string(loaded.ctx.get(), loaded.package, found, option, value, true)
+                 : delete_setting(loaded, found, option);
 }
 
 int config_set_vandrel_setting_string(const char *option, const char *value)

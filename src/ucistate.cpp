@@ -1,9 +1,9 @@
 #include "ucistate.h"
 
-#include "handles.hpp"
+#include "loaded_package.hpp"
 #include "log.hpp"
+#include "paths.hpp"
 #include "uciconfig.h"
-#include "uciconfig.hpp"
 
 #include <cstdarg>
 #include <cstdio>
@@ -16,21 +16,48 @@ constexpr char log_module[] = "ucistate.c";
 
 constexpr std::size_t value_size = 1024;
 
-int state_load_package(uci_context **ctx, uci_package **package, const char *name)
+/// Loads a package into the outputs of an exported loader.
+int load_into(uci_context **ctx, uci_package **package, const char *name)
 {
-    uci_handle loading = ctx && package ? new_state_context() : nullptr;
-    if (!loading)
+    if (!ctx || !package)
         return -1;
-    if (uci_load(loading.get(), name, package) != UCI_OK) {
-        log_error("Error loading state package %s", name);
-        ucierr(loading.get(), "uci_load: "); // libuci adds a colon of its own
+    loaded_package loaded = load_state(name);
+    if (!loaded)
         return -1;
-    }
-    *ctx = loading.release();
+    *ctx = loaded.ctx.release();
+    *package = loaded.package;
     return 0;
 }
 
 } // namespace
+
+namespace vandrel {
+
+uci_handle new_state_context()
+{
+    uci_handle ctx{uci_alloc_context()};
+    if (!ctx)
+        return nullptr;
+    uci_add_delta_path(ctx.get(), ctx->savedir); // "duplicate" where libuci has it in the list from the start
+    if (uci_set_savedir(ctx.get(), state_directory) != UCI_OK)
+        return nullptr; // it would save run-time values where they count as configuration
+    return ctx;
+}
+
+loaded_package load_state(const char *name)
+{
+    loaded_package loaded{new_state_context()};
+    if (!loaded.ctx)
+        return {};
+    if (uci_load(loaded.ctx.get(), name, &loaded.package) != UCI_OK) {
+        log_error("Error loading state package %s", name);
+        ucierr(loaded.ctx.get(), "uci_load: "); // libuci adds a colon of its own
+        return {};
+    }
+    return loaded;
+}
+
+} // namespace vandrel
 
 int state_set_option(uci_section *section, const char *option, const char *format, ...)
 {
@@ -49,10 +76,10 @@ int state_set_option(uci_section *section, const char *option, const char *forma
 
 int state_load_vandrel(uci_context **ctx, uci_package **package)
 {
-    return state_load_package(ctx, package, own_package);
+    return load_into(ctx, package, own_package);
 }
 
 int state_load_network(uci_context **ctx, uci_package **package)
 {
-    return state_load_package(ctx, package, network_package);
+    return load_into(ctx, package, network_package);
 }
