@@ -48,6 +48,10 @@ typedef void (*ipc_callback)(int fd, const char *type, struct json_object *data)
  * name              the daemon's name on the bus, up to 80 characters (the path is cut after 107).
  * default_callback  of every connection that is accepted; NULL drops what no registered callback takes.
  *
+ * Where accepting fails ("error: " is logged), it pauses for 100 ms while the socket goes on listening. So it does
+ * where a connection would get one of the last 8 descriptors below the soft limit, or of the last eighth where that is
+ * less: that connection is closed ("Connection failed").
+ *
  * Returns the listening descriptor, which ipc_close takes, or -1 (logged as "cannot bind", with errno; EINVAL for a
  * NULL name or base). The socket gets the group "vdipc" and mode 0770 where that group exists; a failure to do so is
  * logged, and the server is there all the same.

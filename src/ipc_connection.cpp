@@ -27,8 +27,6 @@ constexpr std::size_t max_queued_bytes = 64 << 20; // on one connection
 constexpr std::size_t event_read_bytes = 4096;     // what libevent reads at most before it calls us
 constexpr std::size_t ahead_read_bytes = 65'536;
 
-using event_handle = std::unique_ptr<event, released_by<::event_free>>;
-
 /// bufferevent_free closes the socket on a later turn of the loop only, which may never come; so it is closed here.
 void close_bufferevent(bufferevent *bev)
 {

@@ -5,7 +5,11 @@
 #include "ipc.h"
 #include "ipc_frame.hpp"
 
+#include <event2/event.h>
+
 namespace vandrel {
+
+using event_handle = std::unique_ptr<event, released_by<::event_free>>;
 
 inline constexpr char log_module[] = "ipc.c"; // of all its rooms
 

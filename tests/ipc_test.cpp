@@ -1,4 +1,7 @@
+#include "ip_calculation.h"
 #include "ipc.h"
+#include "uciconfig.h"
+#include "zones.h"
 
 #include "device_test.hpp"
 
@@ -6,6 +9,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <random>
 
@@ -17,6 +22,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
@@ -74,6 +80,65 @@ bool is_closed(int fd)
     char byte;
     return recv(fd, &byte, 1, MSG_DONTWAIT) == 0 || errno != EAGAIN;
 }
+int connect_to_server(int flags) // without O_NONBLOCK, waits for room in its queue
+{
+    const sockaddr_un address{AF_UNIX, "/var/run/vandrel/ipc_test.sock"};
+    const int fd = socket(AF_UNIX, SOCK_STREAM | flags, 0);
+    return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ? fd : -1;
+}
+
+/// While it lives, the process may have descriptors below this one only.
+class descriptor_limit {
+public:
+    explicit descriptor_limit(rlim_t limit)
+    {
+        getrlimit(RLIMIT_NOFILE, &usual_);
+        const rlimit lower{limit, usual_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &lower);
+    }
+    ~descriptor_limit() { setrlimit(RLIMIT_NOFILE, &usual_); }
+    descriptor_limit(const descriptor_limit &) = delete;
+    descriptor_limit &operator=(const descriptor_limit &) = delete;
+
+private:
+    rlimit usual_{};
+};
+
+/// Another process. It keeps its descriptors until this object ends.
+class process {
+public:
+    explicit process(char (*body)())
+    {
+        EXPECT_EQ(pipe2(result_, O_NONBLOCK), 0);
+        pid_ = fork();
+        if (pid_ != 0)
+            return;
+        const char result = body();
+        if (write(result_[1], &result, 1) == 1)
+            pause();
+        _exit(1);
+    }
+    ~process()
+    {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        close(result_[0]);
+        close(result_[1]);
+    }
+    process(const process &) = delete;
+    process &operator=(const process &) = delete;
+
+    char result() const // of its body; a blank until it is there
+    {
+        char result;
+        return read(result_[0], &result, 1) == 1 ? result : ' ';
+    }
+
+private:
+    pid_t pid_ = -1;
+    int result_[2];
+};
+
 struct ipc_test : device_test {
     event_base *base = event_base_new();
     std::vector<int> raw; // descriptors of peers, which are no part of the library
@@ -93,13 +158,20 @@ struct ipc_test : device_test {
     bool run_until(const std::function<bool()> &done)
     {
         const auto start = std::chrono::steady_clock::now();
-        while (!done() && std::chrono::steady_clock::now() - start < std::chrono::seconds{15})
+        bool is_done = done();
+        for (; !is_done && std::chrono::steady_clock::now() - start < std::chrono::seconds{15}; is_done = done())
             event_base_loop(base, EVLOOP_NONBLOCK);
-        return done();
+        return is_done;
     }
     void run(int turns = 5)
     {
         run_until([&] { return turns-- <= 0; });
+    }
+    void run_for(std::chrono::milliseconds time) // at rest where there is nothing to do
+    {
+        const timeval left{time.count() / 1000, time.count() % 1000 * 1000};
+        event_base_loopexit(base, &left);
+        event_base_dispatch(base);
     }
     int server(const char *name = "test") { return ipc_server_new(name, base, by_default); }
     void send(int fd, std::string_view bytes) // lets the loop run where the socket doesn't take all at once
@@ -122,9 +194,8 @@ struct ipc_test : device_test {
     }
     int connected() // a plain socket, which the server has not accepted yet
     {
-        const sockaddr_un address{AF_UNIX, "/var/run/vandrel/ipc_test.sock"};
-        raw.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        EXPECT_EQ(connect(raw.back(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+        raw.push_back(connect_to_server(SOCK_NONBLOCK));
+        EXPECT_GE(raw.back(), 0);
         return raw.back();
     }
     std::pair<int, int> peer() // a plain socket, and the library's descriptor for the other end
@@ -340,20 +411,143 @@ TEST_F(ipc_test, a_server_and_its_socket_file)
     EXPECT_EQ(status_of("other").st_mode, 0U);
     EXPECT_EQ(write_to(handle, "{}"), 0) << "accepted connections stay";
 
-    EXPECT_GE(server(), 0);
-    connected();
-    rlimit usual{};
-    getrlimit(RLIMIT_NOFILE, &usual);
-    const rlimit none{0, usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    event_base_loop(base, EVLOOP_ONCE);
-    EXPECT_EQ(log(), records{warning("error: ", "ipc.c", EMFILE)}) << "it could not be accepted";
-    EXPECT_EQ(server(), -1);
-    EXPECT_EQ(log(), records{refused(EMFILE)});
-    setrlimit(RLIMIT_NOFILE, &usual);
+    {
+        const descriptor_limit none{0};
+        EXPECT_EQ(server(), -1);
+        EXPECT_EQ(log(), records{refused(EMFILE)});
+    }
     struct stat untouched {};
     EXPECT_EQ(stat("/tmp/not_ours", &untouched), 0);
     EXPECT_EQ(std::pair(untouched.st_mode, untouched.st_gid), std::pair(mode_t{S_IFREG | 0644}, getgid()));
+}
+
+TEST_F(ipc_test, without_descriptors_accepting_pauses)
+{
+    const int listening = server();
+    const int open = peer().first;
+    const int waiting[] = {connected(), connected()};
+    for (const int fd : waiting)
+        send(fd, message("waited", "1"));
+    log(); // also before the sanitizer has no descriptor for its own checks
+    {
+        const descriptor_limit none{0};
+        run();
+        EXPECT_EQ(log(), records{warning("error: ", "ipc.c", EMFILE)}) << "the first is recorded at once";
+        const auto begin = std::clock();
+        run_for(std::chrono::seconds{1});
+        EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC / 10);
+        const auto said = log().size();
+        EXPECT_GE(said, 5U);
+        EXPECT_LE(said, 10U);
+        send(open, message("served", "2"));
+        EXPECT_TRUE(run_until([] { return heard == strings{"default served 2"}; }));
+    }
+    heard.clear();
+    EXPECT_TRUE(run_until([] { return heard.size() == 2; }));
+    EXPECT_EQ(heard, (strings{"default waited 1", "default waited 1"})) << "without connecting anew";
+
+    connected();
+    const descriptor_limit none{0};
+    run();
+    const int with_pause = event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED);
+    ipc_close(listening);
+    EXPECT_EQ(event_base_get_num_events(base, EVENT_BASE_COUNT_ADDED), with_pause - 1) << "the timer has gone too";
+}
+
+TEST_F(ipc_test, the_last_descriptors_are_not_for_accepted_connections)
+{
+    server();
+    const struct {
+        rlim_t limit;
+        int first_reserved;
+    } cases[] = {{40, 35}, {63, 56}, {64, 56}, {200, 192}};
+    for (const auto &[limit, first_reserved] : cases) {
+        const int served = connected();
+        const int refused = connected();
+        send(served, message("served", "1"));
+        std::vector<int> others;
+        do
+            others.push_back(dup(0));
+        while (others.back() < first_reserved - 2);
+        heard.clear();
+        log();
+        const descriptor_limit few{limit};
+        EXPECT_TRUE(run_until([] { return !heard.empty(); })) << limit;
+        EXPECT_EQ(heard_from, first_reserved - 1) << limit;
+        EXPECT_TRUE(run_until([refused] { return is_closed(refused); })) << limit;
+        EXPECT_EQ(log(), records{warning("Connection failed", "ipc.c")}) << limit;
+        const int later = connected();
+        run();
+        EXPECT_FALSE(is_closed(later)) << limit << ": accepting pauses";
+        EXPECT_TRUE(run_until([later] { return is_closed(later); })) << limit;
+        std::for_each(others.begin(), others.end(), close);
+        std::for_each(raw.begin(), raw.end(), close);
+        raw.clear();
+        run_until([] { return heard.back() == "default error -"; });
+        log();
+    }
+}
+
+TEST_F(ipc_test, a_flood_of_connections_leaves_the_daemon_its_own)
+{
+    write_file("/etc/vandrel/zones.json",
+               R"({"zone_configuration":{"zones":{"1":{"members":{"p":{"type":"serialization","direction":"in"},)"
+               R"("a":{"type":"whitelisted_ip","direction":"out","address_start":"10.0.0.1"}}}}}})");
+    write_script("/usr/share/vandrel/check_zone_scheduled_access.lua", "#!/bin/sh\necho true");
+    write_file("/etc/config/vandrel", "config settings 'settings'\n\toption name 'router'\n");
+    const auto expect_own_answers = [] {
+        std::uint8_t sched = 7;
+        EXPECT_EQ(zones_update_schedule_access(), 1);
+        EXPECT_EQ(zones_is_ip_allowed_sched("p", ip_parse("10.0.0.1"), &sched), 1);
+        EXPECT_EQ(sched, 1);
+        char *name = config_lookup("vandrel.settings.name");
+        EXPECT_STREQ(name, "router");
+        std::free(name);
+    };
+    server();
+    const int open = peer().first;
+    expect_own_answers();
+    const descriptor_limit few{64};
+    const int before = open_descriptors();
+    const process flood{[] {
+        for (int i = 0; i < 2000; ++i)
+            connect_to_server(SOCK_NONBLOCK);
+        return '+';
+    }};
+    EXPECT_TRUE(run_until([this] { return !log().empty(); })) << "some are refused";
+    EXPECT_GT(open_descriptors(), before + 8);
+    for (int turn = 0; turn < 5; ++turn) {
+        run_for(std::chrono::milliseconds{100});
+        expect_own_answers();
+        heard.clear();
+        send(open, message("served", "2"));
+        EXPECT_TRUE(run_until([] { return heard == strings{"default served 2"}; }));
+    }
+}
+
+TEST_F(ipc_test, five_hundred_clients_are_served)
+{
+    server();
+    answer = [](int fd, const std::string &type) { type == "question" ? write_to(fd, "[1]") : 0; };
+    const process clients{[] {
+        std::vector<int> crowd(500);
+        std::generate(crowd.begin(), crowd.end(), [] { return connect_to_server(0); });
+        const std::string want = frame("[ 1 ]\0"s);
+        for (const int fd : crowd) {
+            if (::send(fd, message("question", "1").data(), message("question", "1").size(), 0) < 0)
+                return 's';
+        }
+        for (const int fd : crowd) {
+            std::string got(want.size(), '\0');
+            if (recv(fd, got.data(), got.size(), MSG_WAITALL) != static_cast<ssize_t>(got.size()) || got != want)
+                return 'r';
+        }
+        return '+';
+    }};
+    const descriptor_limit usual{1024};
+    char result = ' ';
+    EXPECT_TRUE(run_until([&] { return result = clients.result(), result != ' '; }));
+    EXPECT_EQ(result, '+');
 }
 
 TEST_F(ipc_test, a_client_connects_or_leaves_nothing)
