@@ -92,7 +92,7 @@ int file_exists(const char *path);
 /**
  * Returns the time of a file's last modification, in seconds since the epoch, or -1.
  *
- * A path that does not exist, and NULL, are silent; any other failure is printed on standard error, after the path.
+ * Where file_exists says 0 it is silent; any other failure is printed on standard error, after the path.
  */
 time_t file_get_mtime(const char *path);
 
@@ -159,9 +159,9 @@ long get_uptime_seconds(void);
  * Whenever output has room, it holds a text after the call, if only an empty one. Silent.
  *
  * There is no time limit: a command, and whatever it leaves behind with its standard output open, is waited for; a
- * signal that the daemon handles meanwhile ends no wait and cuts nothing. A command shares the caller's standard input
- * and standard error, and starts with the default action of SIGPIPE even where the caller ignores or blocks that
- * signal.
+ * signal that the daemon handles meanwhile ends no wait and cuts nothing. A command shares the caller's standard input,
+ * standard error and every other descriptor without FD_CLOEXEC, and its ignored and blocked signals, but SIGPIPE always
+ * has its default action there.
  */
 int vd_run_command_simple(const char *command, char *output, size_t output_size);
 
