@@ -12,13 +12,12 @@ namespace {
 
 constexpr std::size_t compared_length = 26; // of a target's name
 
-/// The flag that keeps the pair apart in the zone: its key and line.
-std::pair<const char *, unsigned> denial(const zone_entry &zone, const std::string &peer, const target &what)
+/// The flag that keeps two peers apart in the zone: its key and line.
+std::pair<const char *, unsigned> denial(const zone_entry &zone, const char *peer, const char *other)
 {
-    const int type = vpn_type_get_by_common_name(peer.c_str());
-    if (what.type != ZONE_MEMBER_SERIALIZATION || type == PEER_TYPE_UNKNOWN ||
-        type != vpn_type_get_by_common_name(what.name.c_str()))
-        return {nullptr, 0};
+    const int type = vpn_type_get_by_common_name(peer);
+    if (type == PEER_TYPE_UNKNOWN || type != vpn_type_get_by_common_name(other))
+        return {};
     if (type == PEER_TYPE_TOKEN)
         return zone.deny_keys ? std::pair{"deny_between_keys", zone.deny_keys_line}
                               : std::pair<const char *, unsigned>{};
@@ -87,8 +86,16 @@ std::optional<fit> fit_in(const zone_entry &zone, const std::string &peer, const
         loaded_member(zone, [&](const member_entry &m) { return m.is_target() && holds(m, what); });
     if (!found)
         return std::nullopt;
-    const auto [key, line] = denial(zone, peer, what);
+    if (what.type != ZONE_MEMBER_SERIALIZATION)
+        return fit{&zone, found, nullptr, 0};
+    const auto [key, line] = denial(zone, peer.c_str(), what.name.c_str());
     return fit{&zone, found, key, line};
+}
+
+bool is_kept_apart(const zone_entry &zone, const std::string &peer, const member_entry &member)
+{
+    return member.record->type == ZONE_MEMBER_SERIALIZATION &&
+           denial(zone, peer.c_str(), member.record->start.name).first != nullptr;
 }
 
 std::vector<fit> fits_of(const zone_reading &zones, const std::string &peer, const target &what)

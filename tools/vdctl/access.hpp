@@ -27,6 +27,9 @@ std::optional<fit> fit_in(const zone_entry &zone, const std::string &peer, const
 /// Those in file order, up to the first that denies the pair.
 std::vector<fit> fits_of(const zone_reading &zones, const std::string &peer, const target &what);
 
+/// Whether the zone denies the pair when the member is asked for.
+bool is_kept_apart(const zone_entry &zone, const std::string &peer, const member_entry &member);
+
 /// The word for what the zones make of the verdict, null where the two disagree. Without schedule, every zone is open.
 const char *reason_of(const verdict &given, bool has_schedule, const zone_reading &zones, const std::string &peer,
                       const std::vector<fit> &fits);

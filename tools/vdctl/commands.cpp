@@ -6,6 +6,10 @@
 namespace vdctl {
 
 int zones_check(const invocation &given);
+int zones_diff(const invocation &given);
+int zones_matrix(const invocation &given);
+int zones_reach(const invocation &given);
+int zones_who(const invocation &given);
 int zones_why(const invocation &given);
 
 namespace {
@@ -14,6 +18,10 @@ constexpr command rows[] = {
     {"zones why", "PEER TARGET", 2, 2, "fn",
      "whether a peer may reach a target, and by which line of the file or why not", zones_why},
     {"zones check", "[FILE]", 0, 1, "f", "mistakes in a zone file, by line", zones_check},
+    {"zones diff", "NEW", 1, 1, "f", "what NEW would allow more and less than the live file", zones_diff},
+    {"zones reach", "PEER", 1, 1, "fn", "all that a peer reaches", zones_reach},
+    {"zones who", "TARGET", 1, 1, "fn", "all who reach a target", zones_who},
+    {"zones matrix", "", 0, 0, "fnH", "all that every peer reaches", zones_matrix},
 };
 
 constexpr option option_rows[] = {

@@ -203,12 +203,13 @@ verdict ask(const char *peer, const target &what)
     return {allowed != 0, open != 0};
 }
 
-int with_zones(bool needs_schedule, const std::function<answer_printer(const zone_reading &)> &ask)
+int with_zones(bool needs_schedule,
+               const std::function<answer_printer(const std::shared_ptr<const zone_reading> &)> &ask)
 {
     constexpr int most_turns = 3;
     for (int turn = 0; turn < most_turns; ++turn) {
         const struct stat before = status_of_live_file();
-        const zone_reading zones = load(needs_schedule);
+        const auto zones = std::make_shared<const zone_reading>(load(needs_schedule));
         const answer_printer print_answer = ask(zones);
         if (is_same(before, status_of_live_file()))
             return print_answer();

@@ -4,6 +4,7 @@
 #include "reading.hpp"
 
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace vdctl {
@@ -36,7 +37,8 @@ using answer_printer = std::function<int()>;
 
 /// Calls ask with vdctl's reading of the live file while the library holds the same file, and then what ask gives. When
 /// the file has become another one meanwhile, it is all asked again first. Fails where the file gives no model.
-int with_zones(bool needs_schedule, const std::function<answer_printer(const zone_reading &)> &ask);
+int with_zones(bool needs_schedule,
+               const std::function<answer_printer(const std::shared_ptr<const zone_reading> &)> &ask);
 
 /// Asks the schedule of each zone. A missing script, which closes all, gives one warning.
 void ask_schedules();

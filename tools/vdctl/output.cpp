@@ -236,8 +236,9 @@ void table::print()
 {
     if (rows_.empty())
         return;
-    std::vector<std::size_t> widths(header_.size());
-    rows_.insert(rows_.begin(), header_);
+    std::vector<std::size_t> widths(rows_.front().size());
+    if (!header_.empty())
+        rows_.insert(rows_.begin(), header_);
     for (const auto &row : rows_) {
         for (std::size_t i = 0; i < widths.size(); ++i)
             widths[i] = std::max(widths[i], row[i].width());

@@ -4,6 +4,7 @@
 #include "candidate.hpp"
 #include "command.hpp"
 #include "output.hpp"
+#include "show.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -137,14 +138,6 @@ json_object *json_zone(const zone_entry &zone, const member_entry *member, bool 
     return object;
 }
 
-json_object *json_of(const target &what)
-{
-    json_object *object = json_object_new_object();
-    json_object_object_add(object, "type", json_object_new_string(kind_of(what.type)));
-    json_object_object_add(object, "value", new_string(value_of(what)));
-    return object;
-}
-
 int status_of(const answer &found)
 {
     if (!found.reason)
@@ -188,8 +181,8 @@ int zones_why(const invocation &given)
     const bool wants_schedule = !given.has('n');
     if (given.has('f'))
         put_in_live_place(read_zone_text(given.value('f')));
-    return with_zones(wants_schedule, [&](const zone_reading &zones) -> answer_printer {
-        return [&, found = find_answer(zones, peer, what, wants_schedule)] {
+    return with_zones(wants_schedule, [&](const std::shared_ptr<const zone_reading> &zones) -> answer_printer {
+        return [&, zones, found = find_answer(*zones, peer, what, wants_schedule)] {
             if (style().json)
                 print_json_answer(found, peer, what, given);
             else
