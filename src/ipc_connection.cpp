@@ -1,6 +1,7 @@
 #include "ipc_connection.hpp"
 
 #include "boundary.hpp"
+#include "heap.hpp"
 #include "lasting.hpp"
 #include "log.hpp"
 
@@ -45,6 +46,7 @@ struct connection {
     ipc_callback default_callback;
     bufferevent_handle bev;
     event_handle flush; // made active by hand when a first frame is queued
+    bool has_sent_too_costly = false;
 
     evbuffer *input() const { return bufferevent_get_input(bev.get()); }
     evbuffer *output() const { return bufferevent_get_output(bev.get()); }
@@ -53,6 +55,7 @@ struct connection {
 struct connection_table {
     std::vector<std::unique_ptr<connection>> by_fd;
     std::uint64_t made = 0;
+    bool has_handled_long_body = false;
 };
 lasting<connection_table> state;
 connection_table &table = state.value;
@@ -138,15 +141,28 @@ bool has_arrived(const connection &peer, std::size_t wanted_bytes)
     return evbuffer_get_length(peer.input()) >= wanted_bytes;
 }
 
+/// The message in a body that is worth its memory.
+json_handle read_body(connection &peer, std::string_view body)
+{
+    if (body.size() <= long_body_bytes)
+        return parse_body(body);
+    table.has_handled_long_body = true;
+    if (!is_too_costly(body))
+        return parse_body(body);
+    if (!std::exchange(peer.has_sent_too_costly, true)) // one record is enough
+        log_warning("Message of %u bytes takes too much memory", static_cast<unsigned>(body.size()));
+    return nullptr;
+}
+
 /// Handles the whole frames at the start of the bytes and takes them off. Gives the size of the next one, as far as it
 /// is known, or 0 where a handler has dropped the connection, and the bytes with it.
-std::size_t handle_frames(const connection &peer, std::string_view &bytes)
+std::size_t handle_frames(connection &peer, std::string_view &bytes)
 {
     const int fd = peer.fd;
     const std::uint64_t serial = peer.serial;
     std::size_t size = frame_size(bytes);
     for (; size <= std::min(bytes.size(), max_frame_bytes); size = frame_size(bytes)) {
-        if (const json_handle message = parse_body(bytes.substr(header_bytes, size - header_bytes)))
+        if (const json_handle message = read_body(peer, bytes.substr(header_bytes, size - header_bytes)))
             peer.dispatch(fd, message.get(), peer.default_callback);
         if (!is_open(fd, serial))
             return 0;
@@ -164,7 +180,7 @@ std::string_view front_of(evbuffer *input, std::size_t wanted_bytes)
 
 /// Handles all whole frames that have arrived. Those that lie in one piece leave the input together, as that costs no
 /// more than for one.
-void read_frames(const connection &peer)
+void read_frames(connection &peer)
 {
     evbuffer *input = peer.input();
     for (std::size_t wanted = header_bytes; has_arrived(peer, wanted);) {
@@ -185,6 +201,14 @@ void read_frames(const connection &peer)
             return;
         }
     }
+}
+
+/// libevent calls it when at least a header waits.
+void handle_input(bufferevent *, void *argument)
+{
+    read_frames(*static_cast<connection *>(argument));
+    if (std::exchange(table.has_handled_long_body, false))
+        give_memory_back();
 }
 
 /// Writes what was queued since the loop ran last in one go, without asking first whether the socket is ready. What
@@ -243,7 +267,7 @@ bool listen_to(connection &made, event_base *base)
     made.flush.reset(event_new(
         base, -1, 0, [](evutil_socket_t, short, void *argument) { flush_output(connection_of(argument)); }, &made));
     bufferevent_setcb(
-        made.bev.get(), [](bufferevent *, void *argument) { read_frames(connection_of(argument)); }, nullptr,
+        made.bev.get(), handle_input, nullptr,
         [](bufferevent *, short events, void *argument) { handle_events(connection_of(argument), events); }, &made);
     bufferevent_setwatermark(made.bev.get(), EV_READ, read_low_watermark, read_high_watermark);
     return made.flush && bufferevent_enable(made.bev.get(), EV_READ) == 0;

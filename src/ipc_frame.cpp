@@ -1,5 +1,6 @@
 #include "ipc_frame.hpp"
 
+#include "json_census.hpp"
 #include "lasting.hpp"
 
 #include <cstdint>
@@ -20,7 +21,19 @@ struct shared_frame {
 
 namespace {
 
-constexpr std::size_t kept_tokener_bytes = 65'536;
+constexpr std::size_t max_message_memory = 64 << 20;
+
+// What json-c allocates for a value of each kind, with malloc's own part, on a machine of 64 bits.
+constexpr std::size_t object_cost = 144; // without its table
+constexpr std::size_t slot_cost = 40;    // of a table
+constexpr std::size_t array_cost = 384;  // with the room for its first values, which is not used again where it lies
+constexpr std::size_t value_cost = 16;   // where it lies in an array
+constexpr std::size_t text_cost = 80;
+constexpr std::size_t scalar_cost = 96; // of a fraction; an integer takes less
+constexpr std::size_t key_cost = 32;
+constexpr std::size_t text_byte_cost = 3; // in the text, and while it is read
+constexpr std::size_t body_byte_cost = 2; // in the pieces that came, and put together
+
 constexpr std::size_t shared_from_bytes = 2048; // below, a copy is cheaper than sharing
 
 lasting<tokener_handle> kept_tokener; // from one message to the next
@@ -48,6 +61,19 @@ std::size_t frame_size(std::string_view bytes)
     return header_bytes + be32toh(body_bytes);
 }
 
+bool is_too_costly(std::string_view body)
+{
+    json_census census;
+    census.read(body);
+    const json_counts &counts = census.counts();
+    const std::size_t values = counts.objects + counts.arrays + counts.texts + counts.scalars + counts.nulls;
+    const std::size_t cost = counts.objects * object_cost + census.table_slots() * slot_cost +
+                             counts.arrays * array_cost + values * value_cost + counts.texts * text_cost +
+                             counts.scalars * scalar_cost + counts.keys * key_cost +
+                             counts.text_bytes * text_byte_cost + body.size() * body_byte_cost;
+    return cost > max_message_memory;
+}
+
 /// The tokener is kept only after a value that was complete before the end: any other text may leave its depth or half
 /// a character behind, which json_tokener_reset does not clear.
 json_handle parse_body(std::string_view body)
@@ -58,7 +84,7 @@ json_handle parse_body(std::string_view body)
     const auto text_bytes = static_cast<int>(strnlen(body.data(), body.size()));
     json_handle message{json_tokener_parse_ex(tokener.get(), body.data(), text_bytes)};
     if (json_tokener_get_error(tokener.get()) == json_tokener_success) {
-        if (body.size() <= kept_tokener_bytes) // it would keep room for the longest text that it has seen
+        if (body.size() <= long_body_bytes) // it would keep room for the longest text that it has seen
             kept_tokener.value = std::move(tokener);
         return message;
     }

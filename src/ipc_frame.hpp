@@ -17,6 +17,11 @@ inline constexpr std::size_t max_frame_bytes = header_bytes + max_body_bytes;
 /// The size of the frame at the start of the bytes, as far as they tell: that of a header until one has come.
 std::size_t frame_size(std::string_view bytes);
 
+inline constexpr std::size_t long_body_bytes = 65'536; // from here on a body's memory is looked at
+
+/// Whether a body would take more than 64 MiB once it is parsed: 1 MB of empty objects takes 262.
+bool is_too_costly(std::string_view body);
+
 /// What json_tokener_parse makes of a body's text, which ends at its NUL or else with the body.
 json_handle parse_body(std::string_view body);
 

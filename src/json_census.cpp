@@ -7,7 +7,8 @@ namespace vandrel {
 
 namespace {
 
-constexpr unsigned max_depth = 32;             // of json-c, unless it is told otherwise
+constexpr std::size_t first_table_slots = 16;  // of an object
+constexpr std::size_t fullest_table = 66;      // per cent; a further key then doubles it
 constexpr std::size_t safe_number_length = 31; // which fits into json-c's buffer as it is at first
 
 bool is_blank(char c)
@@ -283,6 +284,8 @@ void json_census::begin_value(char c)
 void json_census::open(bool is_object)
 {
     is_object_ = (is_object_ & ~(1U << depth_)) | (is_object ? 1U : 0U) << depth_;
+    tables_[depth_] = {0, first_table_slots};
+    table_slots_ += is_object ? first_table_slots : 0;
     ++depth_;
     state_ = is_object ? state::before_key : state::before_element;
 }
@@ -315,8 +318,18 @@ void json_census::take_in_text(char c)
 
 void json_census::end_text()
 {
-    ++(is_key_ ? counts_.keys : counts_.texts);
+    is_key_ ? count_key() : void(++counts_.texts);
     state_ = is_key_ ? state::before_colon : state::after_value;
+}
+
+void json_census::count_key()
+{
+    ++counts_.keys;
+    table &own = tables_[depth_ - 1];
+    if (own.keys++ * 100 < own.slots * fullest_table)
+        return;
+    own.slots *= 2;
+    table_slots_ += own.slots;
 }
 
 void json_census::add_bytes(std::size_t count)

@@ -39,7 +39,11 @@ public:
     void read(std::string_view chunk);
     const json_counts &counts() const { return counts_; }
 
+    /// The slots of all hash tables that json-c makes for the objects, those that a larger one follows included.
+    std::size_t table_slots() const { return table_slots_; }
+
 private:
+    static constexpr unsigned max_depth = 32; // of json-c, unless it is told otherwise
     enum class state : uint8_t;
 
     void take(char c);
@@ -51,6 +55,7 @@ private:
     void take_in_number(char c);
     void take_in_word(char c);
     void take_in_comment(char c);
+    void count_key();
     void begin_value(char c);
     void begin_text(char quote, bool is_key);
     void begin_word(const char *rest, std::size_t &count);
@@ -62,7 +67,13 @@ private:
     void add_bytes(std::size_t count);
     bool is_in_object() const { return (is_object_ >> (depth_ - 1) & 1) != 0; }
 
+    struct table {
+        std::size_t keys, slots;
+    };
+
     json_counts counts_;
+    std::size_t table_slots_ = 0;
+    table tables_[max_depth]; // of the open objects
     state state_{};
     state behind_comment_{};
     unsigned depth_ = 0;

@@ -271,6 +271,65 @@ TEST_F(ipc_test, no_body_changes_what_the_next_one_means)
     }
 }
 
+std::string repeated(const std::string &unit, std::size_t bytes)
+{
+    std::string list;
+    while (list.size() + unit.size() < bytes)
+        list += unit;
+    list.pop_back(); // the comma
+    return list;
+}
+
+TEST_F(ipc_test, a_body_of_too_much_memory_is_dropped)
+{
+    server();
+    const int fd = peer().first;
+    const int other = peer().first;
+    const std::string costly = "[" + repeated("{},", 990'000) + "]";
+    const record dropped = warning("Message of 990019 bytes takes too much memory", "ipc.c");
+    const struct {
+        int from;
+        std::string body;
+        records want;
+    } cases[] = {
+        {fd, message("t", costly), {dropped}},
+        {fd, message("t", costly), {}}, // it has been said of this connection
+        {other, message("t", costly), {dropped}},
+        {other, frame("{'data':[" + repeated("{'':0},", 900'000)), {}},
+    };
+    for (const auto &[from, body, want] : cases) {
+        heard.clear();
+        log();
+        send(from, body + message("next", "1"));
+        EXPECT_TRUE(run_until([] { return !heard.empty(); }));
+        EXPECT_EQ(heard, strings{"default next 1"});
+        EXPECT_EQ(log(), want);
+    }
+}
+
+TEST_F(ipc_test, long_bodies_of_usual_content_are_handled)
+{
+    server();
+    const int fd = peer().first;
+    std::string pairs;
+    for (int i = 0; pairs.size() < 980'000; ++i)
+        pairs += "\"k" + std::to_string(i) + "\":\"v\",";
+    pairs.pop_back();
+    const std::string bodies[] = {'"' + std::string(990'000, 'x') + '"',
+                                  '[' + repeated("1,", 990'000) + ']',
+                                  '[' + repeated("1.5,", 990'000) + ']',
+                                  '[' + repeated("\"\",", 990'000) + ']',
+                                  '{' + pairs + '}',
+                                  '[' + repeated(R"({"a":1,"b":2,"c":3,"d":4,"e":5},)", 990'000) + ']'};
+    for (const std::string &body : bodies) {
+        heard.clear();
+        send(fd, message("long", body));
+        EXPECT_TRUE(run_until([] { return !heard.empty(); })) << body.substr(0, 20);
+        EXPECT_EQ(heard.size(), 1U) << body.substr(0, 20);
+        EXPECT_EQ(log(), records{}) << body.substr(0, 20);
+    }
+}
+
 TEST_F(ipc_test, frames_survive_every_cut)
 {
     server();

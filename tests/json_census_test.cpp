@@ -122,6 +122,22 @@ TEST_F(device_test, the_census_stops_where_json_c_stops)
     EXPECT_EQ(counted(nested(33)).arrays, 32U);
 }
 
+TEST_F(device_test, the_census_knows_how_tables_grow)
+{
+    std::string members;
+    for (int count = 1; count < 400; ++count) {
+        members += (count == 1 ? "'" : ",'") + std::to_string(count) + "':1";
+        const std::string text = "{" + members + "}";
+        json_census census;
+        census.read(text);
+        const auto own = static_cast<std::size_t>(json_object_get_object(parsed(text).get())->size);
+        EXPECT_EQ(census.table_slots(), 2 * own - 16) << count << ": each had twice the slots of the one before";
+    }
+    json_census census;
+    census.read("[{'a':{'b':1}},{},");
+    EXPECT_EQ(census.table_slots(), 48U);
+}
+
 TEST_F(device_test, the_same_tree)
 {
     const struct {
