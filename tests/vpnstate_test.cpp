@@ -3,141 +3,342 @@
 #include "vpnstate.h"
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
-#include <sstream>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include <sys/stat.h>
 
 namespace {
 
+const std::string directory = "/var/run/vandrel/vpnstate/";
+
+struct state_release {
+    void operator()(vpn_state *state) const { vpn_free(state); }
+};
+using state_handle = std::unique_ptr<vpn_state, state_release>;
+
 class vpnstate : public device_test {
 protected:
-    /// The texts of the warnings since the last call.
-    std::string warned() const
+    /// What is loaded of a state file with this content.
+    static state_handle load(const std::string &content)
     {
-        std::string texts;
-        for (const record &entry : log())
-            texts += entry == warning(entry.text, "vpnstate.c") ? entry.text + ";" : "no warning of vpnstate.c;";
-        return texts;
+        write_file(directory + "peer.json", content);
+        return state_handle{vpnstate_load("peer")};
     }
 
-    /// The fields of a loaded record in their order, addresses in hexadecimal, and the warnings after them.
-    std::string load(const char *common_name) const
+    /// What is loaded of a state file with one key.
+    static state_handle load(const std::string &key, const std::string &value)
     {
-        char text[1000] = "";
-        vpn_state *s = vpnstate_load(common_name);
-        if (s)
-            std::snprintf(text, sizeof text,
-                          "%d %d %d %d %s %s %d %d %d %s %d %d %d %d %s %d %s %s %s %d %d %d %d %x %x %x %x %x %x",
-                          s->state, s->connection_id, s->vpn_client_id, s->vpn_server_id, s->proto, s->remote_ip,
-                          s->local_port, s->remote_port, s->management_port, s->management_path, s->reserved_11,
-                          s->openvpn_pid, s->reserved_13, s->relayed, s->relay_uuid, s->reserved_16, s->dev,
-                          s->common_name, s->connection_common_name, s->offline_connection, s->firewall,
-                          s->connection_type, s->peer_type, s->tun_server_ip, s->tun_client_ip, s->tun_my_ip,
-                          s->tun_peer_ip, s->peer_virtual_ip, s->peer_public_ip);
-        vpn_free(s);
-        return text + warned();
+        return load("{\"" + key + "\": " + value + "}");
+    }
+
+    void expect_log(const std::vector<std::string> &warnings, const std::string &what = "") const
+    {
+        records want;
+        for (const std::string &text : warnings)
+            want.push_back(warning(text, "vpnstate.c"));
+        EXPECT_EQ(log(), want) << what;
     }
 };
 
-const std::string directory = "/var/run/vandrel/vpnstate/";
-constexpr char keys[] =
-    "connection_type peer_type state connection_id vpn_client_id vpn_server_id proto remote_ip local_port remote_port "
-    "management_port management_path openvpn_pid relayed relay_uuid dev common_name connection_common_name "
-    "offline_connection firewall tun_server_ip tun_client_ip tun_my_ip tun_peer_ip peer_virtual_ip peer_public_ip";
+const struct {
+    const char *key;
+    int32_t vpn_state::*field;
+    int32_t bad, absent;
+} numbers[] = {{"connection_id", &vpn_state::connection_id, -1, -1},
+               {"vpn_client_id", &vpn_state::vpn_client_id, -1, -1},
+               {"vpn_server_id", &vpn_state::vpn_server_id, -1, -1},
+               {"management_port", &vpn_state::management_port, -1, 0},
+               {"local_port", &vpn_state::local_port, -1, 0},
+               {"remote_port", &vpn_state::remote_port, -1, 0},
+               {"relayed", &vpn_state::relayed, 0, -1},
+               {"offline_connection", &vpn_state::offline_connection, 0, 0},
+               {"openvpn_pid", &vpn_state::openvpn_pid, 0, -1},
+               {"firewall", &vpn_state::firewall, 0, -1},
+               {"peer_type", &vpn_state::peer_type, 0, 0},
+               {"connection_type", &vpn_state::connection_type, 0, 0},
+               {"state", &vpn_state::state, 0, 0}};
 
-/// Writes a state file in which every key has this value or, without one, a number of its own that is good for it.
-void write_all(const std::string &value)
+const struct {
+    const char *key;
+    char *vpn_state::*field;
+} texts[] = {{"management_path", &vpn_state::management_path},
+             {"common_name", &vpn_state::common_name},
+             {"connection_common_name", &vpn_state::connection_common_name},
+             {"remote_ip", &vpn_state::remote_ip},
+             {"proto", &vpn_state::proto},
+             {"dev", &vpn_state::dev},
+             {"relay_uuid", &vpn_state::relay_uuid}};
+
+const struct {
+    const char *key;
+    uint32_t vpn_state::*field;
+} addresses[] = {{"peer_public_ip", &vpn_state::peer_public_ip}, {"peer_virtual_ip", &vpn_state::peer_virtual_ip},
+                 {"tun_server_ip", &vpn_state::tun_server_ip},   {"tun_client_ip", &vpn_state::tun_client_ip},
+                 {"tun_my_ip", &vpn_state::tun_my_ip},           {"tun_peer_ip", &vpn_state::tun_peer_ip}};
+
+TEST_F(vpnstate, missing_key_leaves_its_default)
 {
-    std::istringstream names{keys};
-    std::string content, key;
-    for (int i = 1; names >> key; ++i)
-        content += (i == 1 ? "{\"" : ", \"") + key + "\": " + (value.empty() ? std::to_string(i) : value);
-    write_file(directory + "peer.json", content + "}");
+    const state_handle state = load("{}");
+    ASSERT_TRUE(state);
+    for (const auto &[key, field, bad, absent] : numbers)
+        EXPECT_EQ(state.get()->*field, absent) << key;
+    for (const auto &[key, field] : texts)
+        EXPECT_EQ(state.get()->*field, nullptr) << key;
+    for (const auto &[key, field] : addresses)
+        EXPECT_EQ(state.get()->*field, 0U) << key;
+    EXPECT_EQ(state->reserved_11, -1);
+    EXPECT_EQ(state->reserved_13, 0);
+    EXPECT_EQ(state->reserved_16, 0);
+    expect_log({});
 }
 
-TEST_F(vpnstate, every_key_fills_its_field)
+TEST_F(vpnstate, number_fills_its_field)
 {
-    const std::string bad = "0 -1 -1 -1 T T -1 -1 -1 T -1 0 0 0 T 0 T T T 0 0 0 0 A A A A A A"; // T: text, A: address
-    const std::string type = "Unknown connection type T in state;", peer = "Unknown peer type T in state;";
-    const std::string state = "Unknown state T in state;";
-    const std::tuple<std::string, std::string, std::string> cases[] = {
-        {"", "3 4 5 6 7 8 9 10 11 12 -1 13 0 14 15 0 16 17 18 19 20 1 2 15 16 17 18 19 1a", ""},
-        {"null", "Failed to load VPN state;", ""},
-        {"3", "3 T T T T T T T T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + peer, "3"},
-        {"4", "3 T T T T T T T T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + peer + state, "4"},
-        {"2147483648", bad, "80000000"},
-        {"-1", "3 T T T T T T -1 T T -1 T 0 T T 0 T T T T T 0 -1 A A A A A A" + type + state, "ffffffff"}};
-    for (const auto &[value, pattern, ip] : cases) {
-        std::string want;
-        for (const char c : pattern)
-            want += c == 'T' ? value : c == 'A' ? ip : std::string{c};
-        write_all(value);
-        EXPECT_EQ(load("peer"), want);
+    for (const auto &[key, field, bad, absent] : numbers) {
+        for (const char *value : {"1", "\"1\"", "\" +01\""}) {
+            const state_handle state = load(key, value);
+            ASSERT_TRUE(state) << key << value;
+            EXPECT_EQ(state.get()->*field, 1) << key << value;
+        }
+        for (const char *value : {"2147483648", "-2147483649", "true", "\"12x\"", "\"\"", "[]", "1.0"}) {
+            const state_handle state = load(key, value);
+            ASSERT_TRUE(state) << key << value;
+            EXPECT_EQ(state.get()->*field, bad) << key << value;
+        }
     }
-    write_all("1");
-    for (int n = 1; n < 9; ++n) { // without memory for the record or one of its texts
+    expect_log({});
+}
+
+TEST_F(vpnstate, number_reaches_to_the_ends_of_its_range)
+{
+    for (const auto &[key, field, bad, absent] : numbers) {
+        const std::string name = key;
+        if (name == "peer_type" || name == "connection_type" || name == "state")
+            continue;
+        for (const int32_t number : {INT32_MIN, -5, 0, INT32_MAX}) {
+            const state_handle state = load(key, std::to_string(number));
+            ASSERT_TRUE(state) << key << number;
+            EXPECT_EQ(state.get()->*field, name == "remote_port" && number < 0 ? -1 : number) << key << number;
+        }
+    }
+    expect_log({});
+}
+
+TEST_F(vpnstate, number_that_stands_for_no_choice_is_told_and_replaced)
+{
+    const struct {
+        const char *key;
+        int32_t vpn_state::*field;
+        int32_t lowest, highest, other;
+        const char *warning;
+    } choices[] = {{"peer_type", &vpn_state::peer_type, -1, 2, -1, "Unknown peer type %d in state"},
+                   {"connection_type", &vpn_state::connection_type, 0, 1, 0, "Unknown connection type %d in state"},
+                   {"state", &vpn_state::state, 0, 3, 3, "Unknown state %d in state"}};
+    for (const auto &[key, field, lowest, highest, other, format] : choices) {
+        for (int32_t number = lowest - 1; number <= highest + 1; ++number) {
+            const bool known = lowest <= number && number <= highest;
+            const state_handle state = load(key, std::to_string(number));
+            ASSERT_TRUE(state) << key << number;
+            EXPECT_EQ(state.get()->*field, known ? number : other) << key << number;
+            char text[64];
+            std::snprintf(text, sizeof text, format, number);
+            expect_log(known ? std::vector<std::string>{} : std::vector<std::string>{text});
+        }
+    }
+}
+
+TEST_F(vpnstate, text_and_address_fill_their_field)
+{
+    for (const auto &[key, field] : texts) {
+        const state_handle text = load(key, "\"10.8.0.1\""), number = load(key, "5");
+        ASSERT_TRUE(text) << key;
+        EXPECT_STREQ(text.get()->*field, "10.8.0.1") << key;
+        ASSERT_TRUE(number) << key;
+        EXPECT_STREQ(number.get()->*field, "5") << key;
+    }
+    for (const auto &[key, field] : addresses) {
+        const state_handle good = load(key, "\"10.8.0.1\""), bad = load(key, "\"x\"");
+        ASSERT_TRUE(good) << key;
+        EXPECT_EQ(good.get()->*field, 0x0A080001U) << key;
+        ASSERT_TRUE(bad) << key;
+        EXPECT_EQ(bad.get()->*field, 0xFFFFFFFF) << key;
+    }
+    expect_log({});
+}
+
+TEST_F(vpnstate, key_fills_no_field_but_its_own)
+{
+    const std::string all =
+        R"({"state": 1, "peer_type": 2, "connection_type": 1, "connection_id": 11, "vpn_client_id": 12,
+        "vpn_server_id": 13, "local_port": 14, "remote_port": 15, "management_port": 16, "openvpn_pid": 17,
+        "relayed": 18, "offline_connection": 19, "firewall": 20, "proto": "a", "remote_ip": "b", "management_path": "c",
+        "relay_uuid": "d", "dev": "e", "common_name": "f", "connection_common_name": "g", "tun_server_ip": 1,
+        "tun_client_ip": 2, "tun_my_ip": 3, "tun_peer_ip": 4, "peer_virtual_ip": 5, "peer_public_ip": 6})";
+    const state_handle state = load(all);
+    ASSERT_TRUE(state);
+    EXPECT_EQ(state->state, 1);
+    EXPECT_EQ(state->peer_type, 2);
+    EXPECT_EQ(state->connection_type, 1);
+    const int32_t counted[] = {state->connection_id, state->vpn_client_id, state->vpn_server_id,
+                               state->local_port,    state->remote_port,   state->management_port,
+                               state->openvpn_pid,   state->relayed,       state->offline_connection,
+                               state->firewall};
+    for (int32_t i = 0; i < 10; ++i)
+        EXPECT_EQ(counted[i], 11 + i);
+    const char *const named[] = {state->proto, state->remote_ip,   state->management_path,       state->relay_uuid,
+                                 state->dev,   state->common_name, state->connection_common_name};
+    for (int i = 0; i < 7; ++i)
+        EXPECT_EQ(std::string{named[i]}, std::string(1, static_cast<char>('a' + i)));
+    const uint32_t addressed[] = {state->tun_server_ip, state->tun_client_ip,   state->tun_my_ip,
+                                  state->tun_peer_ip,   state->peer_virtual_ip, state->peer_public_ip};
+    for (uint32_t i = 0; i < 6; ++i)
+        EXPECT_EQ(addressed[i], 1 + i);
+    EXPECT_EQ(state->reserved_11, -1);
+    EXPECT_EQ(state->reserved_13, 0);
+    EXPECT_EQ(state->reserved_16, 0);
+}
+
+TEST_F(vpnstate, null_fails_the_load_and_an_unknown_key_does_not)
+{
+    EXPECT_FALSE(load(R"({"proto": "udp", "dev": null, "Dev": 1})"));
+    expect_log({"Failed to load VPN state"});
+    EXPECT_FALSE(load("unknown", "null"));
+    expect_log({"Failed to load VPN state"});
+    const state_handle state = load(R"({"Dev": "x", "dev": "tun0"})");
+    ASSERT_TRUE(state);
+    EXPECT_STREQ(state->dev, "tun0");
+    expect_log({"VPN: unknown key"});
+    EXPECT_FALSE(load("[]"));
+    expect_log({"VPN state is corrupted"});
+}
+
+TEST_F(vpnstate, state_without_memory_is_not_loaded)
+{
+    write_file(directory + "peer.json", R"({"proto": "udp", "dev": "tun0"})");
+    for (int n = 1; n <= 3; ++n) { // the record and two texts
         const allocation_refusal refuse{n};
-        EXPECT_EQ(load("peer"), n == 1 ? "no warning of vpnstate.c;" : "Failed to load VPN state;");
+        EXPECT_FALSE(state_handle{vpnstate_load("peer")}) << n;
+        EXPECT_TRUE(refuse.happened()) << n;
+        EXPECT_EQ(log(), records{n == 1 ? error("Couldn't allocate memory for VPN struct", "vpnstate.c")
+                                        : warning("Failed to load VPN state", "vpnstate.c")})
+            << n;
     }
-    write_file(directory + "peer.json", R"({"Dev": "x"})");
-    EXPECT_EQ(load("peer"),
-              "0 -1 -1 -1 (null) (null) 0 0 0 (null) -1 -1 0 -1 (null) 0 (null) (null) (null) 0 -1 0 0 0 0 0 0 0 0"
-              "VPN: unknown key;");
 }
 
 TEST_F(vpnstate, what_cannot_be_loaded_is_told_and_never_waited_for)
 {
-    for (const auto &[name, content] : {std::pair{"half", "{\"dev\": 1"}, {"array", "[]"}, {"../x", "{}"}})
-        write_file(directory + name + ".json", content);
-    write_file(directory + "012345678901234567890123456.jso", "{}"); // a path is cut after 57 characters
-    EXPECT_EQ(load("012345678901234567890123456").substr(0, 4) + load("array"), "0 -1VPN state is corrupted;");
-    mkdir((directory + "directory.json").c_str(), 0755);
+    write_file(directory + "half.json", "{\"dev\": 1");
+    write_file(directory + "../x.json", "{}");
+    std::filesystem::create_directory(directory + "directory.json");
     mkfifo((directory + "fifo.json").c_str(), 0644);
     std::filesystem::create_symlink("/tmp/none", directory + "dangling.json");
     std::filesystem::create_symlink("/dev/zero", directory + "device.json");
+    for (const char *name : {"none", "dangling", "../x", "/", "", static_cast<const char *>(nullptr)}) {
+        EXPECT_FALSE(state_handle{vpnstate_load(name)}) << name;
+        expect_log({"Opening VPN state JSON file failed"}, name ? name : "");
+    }
     const int descriptors = open_descriptors();
-    for (const char *name : {"half", "directory", "fifo", "device"})
-        EXPECT_EQ(load(name), "Parsing VPN state JSON file failed;") << name;
-    for (const char *name : {"none", "dangling", "../x", "/", "", static_cast<const char *>(nullptr)})
-        EXPECT_EQ(load(name), "Opening VPN state JSON file failed;") << name;
+    for (const char *name : {"half", "directory", "fifo", "device"}) {
+        EXPECT_FALSE(state_handle{vpnstate_load(name)}) << name;
+        expect_log({"Parsing VPN state JSON file failed"}, name);
+    }
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-std::vector<std::string> visited;
+TEST_F(vpnstate, path_is_cut_after_57_characters)
+{
+    write_file(directory + "012345678901234567890123456.jso", "{}");
+    EXPECT_TRUE(state_handle{vpnstate_load("012345678901234567890123456")});
+}
+
+std::vector<std::string> visited; // the callback of a walk gets no argument of the test's own
 
 TEST_F(vpnstate, walk_takes_regular_json_files)
 {
-    const auto visit = [](const char *name) -> int { return visited.emplace_back(name) == "last"; };
-    EXPECT_TRUE(vpnstate_foreach_cn(visit) == -1 && vpnstate_is_any_active() == 0);
     for (const char *name : {".json", "a.JSON", "c.jsonx", "json", "x.json/file", "abc.json", "b.json.json"})
         write_file(directory + name, "{}");
     std::filesystem::create_symlink("abc.json", directory + "link.json");
-    EXPECT_EQ(vpnstate_foreach_cn(visit) + vpnstate_is_any_active(), 0);
+    EXPECT_EQ(vpnstate_foreach_cn([](const char *name) -> int { return visited.emplace_back(name) == "none"; }), 0);
     std::ranges::sort(visited);
     EXPECT_EQ(visited, (std::vector<std::string>{"abc", "b.json"}));
-    EXPECT_EQ(vpnstate_foreach_cn([](const char *name) { return visited.emplace_back(name) == "" ? 0 : -1; }), 0);
-    EXPECT_TRUE(visited.size() == 3 && vpnstate_foreach_cn(nullptr) == -1 && log().empty());
+    visited.clear();
+    EXPECT_EQ(vpnstate_foreach_cn([](const char *name) -> int { return visited.emplace_back(name).empty() ? 0 : -1; }),
+              0);
+    EXPECT_EQ(visited.size(), 1U); // a callback ends it
+    expect_log({});
 }
 
-TEST_F(vpnstate, many_files_are_searched_for_activity_and_for_an_interface)
+TEST_F(vpnstate, walk_needs_a_directory_and_a_callback)
+{
+    EXPECT_EQ(vpnstate_foreach_cn([](const char *) { return 0; }), -1);
+    EXPECT_EQ(vpnstate_is_any_active(), 0);
+    char cn[28] = "left";
+    EXPECT_EQ(vpnstate_get_common_name(cn, "tun0"), -1);
+    EXPECT_STREQ(cn, "left");
+    std::filesystem::create_directories(directory);
+    EXPECT_EQ(vpnstate_foreach_cn([](const char *) { return 0; }), 0);
+    EXPECT_EQ(vpnstate_foreach_cn(nullptr), -1);
+    EXPECT_EQ(vpnstate_is_any_active(), 0);
+    EXPECT_EQ(vpnstate_get_common_name(cn, "tun0"), 1);
+    expect_log({});
+}
+
+TEST_F(vpnstate, any_peer_with_an_interface_is_active)
+{
+    for (int i = 0; i < 1'000; ++i)
+        write_file(directory + std::to_string(i) + ".json", R"({"common_name": "c"})");
+    EXPECT_EQ(vpnstate_is_any_active(), 0);
+    expect_log({});
+    write_file(directory + "broken.json", "{");
+    EXPECT_EQ(vpnstate_is_any_active(), 0);
+    expect_log({"Parsing VPN state JSON file failed"});
+    std::filesystem::remove(directory + "broken.json");
+    write_file(directory + "up.json", R"({"dev": ""})");
+    const int descriptors = open_descriptors();
+    EXPECT_EQ(vpnstate_is_any_active(), 1);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST_F(vpnstate, peer_is_found_by_its_interface)
+{
+    write_file(directory + "a", R"({"dev": "tun0", "common_name": "0123456789012345678901234567"})");
+    write_file(directory + "b.json", R"({"dev": "tap1", "common_name": null})");
+    write_file(directory + "c.json", R"({"dev": "eth0", "common_name": "c"})");
+    write_file(directory + "d.json", R"(["tun2"])");
+    const struct {
+        const char *dev;
+        int want;
+        const char *cn;
+    } cases[] = {{"tun0", 0, "01234567890123456789012345"}, // whatever the file's name ends in
+                 {"tap1", -1, "left"},
+                 {"eth0", 1, "left"},
+                 {"tun2", 1, "left"},
+                 {"tu", 1, "left"},
+                 {nullptr, 1, "left"}};
+    for (const auto &[dev, want, name] : cases) {
+        char cn[28] = "left";
+        EXPECT_EQ(vpnstate_get_common_name(cn, dev), want) << dev;
+        EXPECT_STREQ(cn, name) << dev;
+    }
+    EXPECT_EQ(vpnstate_get_common_name(nullptr, "tun0"), -1);
+    expect_log({});
+}
+
+TEST_F(vpnstate, search_passes_over_files_that_it_cannot_read)
 {
     char cn[28] = "left";
-    EXPECT_EQ(vpnstate_get_common_name(cn, "tun0"), -1); // no directory yet
-    for (int i = 0; i < 10000; ++i)
-        write_file(directory + std::to_string(i) + ".json", R"({"common_name": "c"})");
-    write_file(directory + "a", R"({"dev": "tun0", "common_name": "0123456789012345678901234567"})");
-    write_file(directory + "b", R"({"dev": "tap1", "common_name": null})");
-    for (const auto &[dev, want] : {std::pair{"eth0", 1}, {"tap1", -1}, {"tun0", 0}})
-        EXPECT_EQ(vpnstate_get_common_name(cn, dev), want) << dev;
-    EXPECT_TRUE(cn == std::string{"01234567890123456789012345"} && vpnstate_get_common_name(cn, nullptr) == 1);
-    EXPECT_TRUE(vpnstate_is_any_active() == 0 && warned().empty());
     write_file(directory + std::string(32, 'n'), "{}"); // a name is cut after 31 characters
-    EXPECT_EQ(vpnstate_get_common_name(cn, "tun3"), 1);
-    EXPECT_EQ(warned(), "Opening VPN state JSON file failed;Loading vpn state failed;");
-    const int descriptors = open_descriptors();
-    write_file(directory + "up.json", R"({"dev": ""})");
-    EXPECT_TRUE(vpnstate_is_any_active() == 1 && open_descriptors() == descriptors);
+    EXPECT_EQ(vpnstate_get_common_name(cn, "tun0"), 1);
+    expect_log({"Opening VPN state JSON file failed", "Loading vpn state failed"});
+    std::filesystem::remove(directory + std::string(32, 'n'));
+    write_file(directory + std::string(31, 'n'), "{");
+    EXPECT_EQ(vpnstate_get_common_name(cn, "tun0"), 1);
+    expect_log({"Parsing VPN state JSON file failed", "Loading vpn state failed"});
+    EXPECT_STREQ(cn, "left");
 }
 
 } // namespace
