@@ -38,7 +38,10 @@
 
 #define LOG_ERROR(...) vd_logging_log(libvandrel_logcontext, LOG_ERR, __FILE__, __LINE__, -1, __VA_ARGS__)
 
-enum { LONGEST_MESSAGE = 999994 }; /* characters of JSON text */
+enum {
+    LONGEST_MESSAGE = 999994, /* characters of JSON text */
+    EVENT_COUNT = 3
+};
 
 static const char zone_file[] = "/etc/vandrel/zones.json";
 static const char zones_changed[] = "zones.changed";
@@ -368,34 +371,52 @@ static void on_signal(evutil_socket_t number, short events, void *base)
     event_base_loopbreak(base);
 }
 
-static bool run_server(struct event_base *base, const struct options *options)
+static void register_handlers(void)
 {
-    const int server = ipc_server_new(options->name, base, handle_other); /* logs why it failed */
-    if (server < 0)
-        return false;
     for (size_t i = 0; i < question_count; ++i)
         ipc_register_callback(questions[i].type, handle_question);
     ipc_register_callback("subscribe", handle_subscription);
     ipc_register_callback("unsubscribe", handle_subscription);
+}
 
-    const struct timeval interval = {.tv_sec = options->look_interval};
-    struct event *timer = event_new(base, -1, EV_PERSIST, on_timer, NULL);
-    struct event *terminate = evsignal_new(base, SIGTERM, on_signal, base);
-    struct event *interrupt = evsignal_new(base, SIGINT, on_signal, base);
-    bool ended_well = timer && terminate && interrupt && event_add(timer, &interval) == 0 &&
-                      event_add(terminate, NULL) == 0 && event_add(interrupt, NULL) == 0;
+/* A timer that looks at the zones, and the signals that end the loop. Each event made is the caller's, on failure too.
+ */
+static bool add_events(struct event_base *base, int look_interval, struct event *events[EVENT_COUNT])
+{
+    const struct timeval interval = {.tv_sec = look_interval};
+    struct event *timer = events[0] = event_new(base, -1, EV_PERSIST, on_timer, NULL);
+    struct event *terminate = events[1] = evsignal_new(base, SIGTERM, on_signal, base);
+    struct event *interrupt = events[2] = evsignal_new(base, SIGINT, on_signal, base);
+    return timer && terminate && interrupt && event_add(timer, &interval) == 0 && event_add(terminate, NULL) == 0 &&
+           event_add(interrupt, NULL) == 0;
+}
+
+/* Serves until a signal ends it. */
+static bool run_loop(struct event_base *base, int look_interval)
+{
+    struct event *events[EVENT_COUNT];
+    bool ended_well = add_events(base, look_interval, events);
     if (ended_well) {
         look_at_zones();
         ended_well = event_base_dispatch(base) == 0;
     }
     if (!ended_well)
         LOG_ERROR("The event loop failed");
-    ipc_close(server);
-    struct event *const events[] = {timer, terminate, interrupt};
-    for (size_t i = 0; i < sizeof events / sizeof events[0]; ++i) {
+    for (size_t i = 0; i < EVENT_COUNT; ++i) {
         if (events[i])
             event_free(events[i]);
     }
+    return ended_well;
+}
+
+static bool run_server(struct event_base *base, const struct options *options)
+{
+    const int server = ipc_server_new(options->name, base, handle_other); /* logs why it failed */
+    if (server < 0)
+        return false;
+    register_handlers();
+    const bool ended_well = run_loop(base, options->look_interval);
+    ipc_close(server);
     return ended_well;
 }
 
