@@ -19,7 +19,8 @@ using namespace vandrel;
 using spawn_attributes = std::unique_ptr<posix_spawnattr_t, released_by<::posix_spawnattr_destroy>>;
 using spawn_actions = std::unique_ptr<posix_spawn_file_actions_t, released_by<::posix_spawn_file_actions_destroy>>;
 
-/// Starts the command with its standard output on fd; -1 when that fails. SIGPIPE has its default action there.
+/// Starts the command with its standard output on fd; -1 when that fails. popen would hand an ignored or blocked
+/// SIGPIPE on to it, and fork would copy the page tables of a daemon that may be large.
 pid_t spawn_shell(const char *command, int fd)
 {
     sigset_t defaults;
@@ -29,6 +30,7 @@ pid_t spawn_shell(const char *command, int fd)
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     sigdelset(&mask, SIGPIPE);
 
+    // Each of these owns something only once it is set up, so its holder is made after that.
     posix_spawnattr_t attributes_room;
     if (posix_spawnattr_init(&attributes_room) != 0)
         return -1;
@@ -41,6 +43,7 @@ pid_t spawn_shell(const char *command, int fd)
     if (posix_spawn_file_actions_init(&actions_room) != 0)
         return -1;
     const spawn_actions actions{&actions_room};
+    // this also takes the pipe's close-on-exec flag away, where fd is the standard output already too
     if (posix_spawn_file_actions_adddup2(actions.get(), fd, STDOUT_FILENO) != 0)
         return -1;
 

@@ -33,7 +33,9 @@ constexpr std::string_view suffix = ".json"; // of a state file's name
 
 using state_handle = std::unique_ptr<vpn_state, released_by<::vpn_free>>;
 
-// How the text of a key's value gets into the record. Only a copy that cannot be made gives false.
+// How the text of a key's value gets into the record. Only a copy that cannot be made gives false. What differs from
+// key to key is a template argument, so that the table of keys holds plain functions and a row of it says all about its
+// key.
 
 constexpr auto lowest_int = std::numeric_limits<int32_t>::min();
 constexpr auto highest_int = std::numeric_limits<int32_t>::max();
@@ -61,7 +63,7 @@ template <auto Field> bool copy(vpn_state &state, const char *text)
 template <auto Field, int32_t Lowest, int32_t Highest, int32_t Other, const auto &Warning>
 bool choice(vpn_state &state, const char *text)
 {
-    number<Field, 0>(state, text);
+    number<Field, 0>(state, text); // what is no number counts as 0, without a warning
     const int32_t value = state.*Field;
     if (value < Lowest || value > Highest) {
         log_warning(Warning, value);
@@ -70,10 +72,12 @@ bool choice(vpn_state &state, const char *text)
     return true;
 }
 
+// arrays with names, since a literal cannot be a template argument
 constexpr char unknown_peer_type[] = "Unknown peer type %i in state";
 constexpr char unknown_connection_type[] = "Unknown connection type %i in state";
 constexpr char unknown_state[] = "Unknown state %i in state";
 
+/// In the order in which they are looked for.
 constexpr struct {
     std::string_view name;
     bool (*store)(vpn_state &state, const char *text);

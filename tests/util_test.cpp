@@ -326,6 +326,18 @@ TEST_F(util, command_is_not_run_without_room_for_its_output_or_a_shell)
     EXPECT_FALSE(std::filesystem::exists("/tmp/run"));
 }
 
+TEST_F(util, command_prints_where_the_daemon_has_closed_its_own_output)
+{
+    const int kept = dup(STDOUT_FILENO);
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    char output[8] = "";
+    const int result = vd_run_command_simple("echo hi", output, sizeof output);
+    dup2(kept, STDOUT_FILENO);
+    EXPECT_EQ(result, 0);
+    EXPECT_STREQ(output, "hi\n");
+}
+
 TEST_F(util, long_output_is_whole)
 {
     std::string buffer(3'000'001, 'x');
