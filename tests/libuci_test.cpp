@@ -1,12 +1,40 @@
 // The stand-in for libuci: recorded calls replayed, and configuration that outlives kills, full disks and lost memory.
+#include "child_process.hpp"
 #include "device_test.hpp"
 
 #include <uci.h>
 
+#include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <memory>
 
-#include <sys/wait.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+
+/// What the library has synced to the disk, by path, and which of its calls is still to fail.
+struct {
+    bool watched = false;
+    std::vector<std::string> paths;
+    int left = 0; // until the one that fails; 0: none
+} synced;
+
+} // namespace
+
+/// The library's own; the program's stands before the C library's.
+extern "C" __attribute__((visibility("default"))) int fsync(int fd)
+{
+    if (synced.watched)
+        synced.paths.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+    if (synced.left > 0 && --synced.left == 0) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}
 
 namespace {
 
@@ -26,66 +54,83 @@ TEST(libuci, recorded_calls)
 
 TEST(libuci, beyond_the_recorded_calls)
 {
-    EXPECT_EQ(replay("own.json"), "28 of 28\n");
+    EXPECT_EQ(replay("own.json"), "31 of 31\n");
 }
 
 constexpr char file[] = "/etc/config/t";
 constexpr char changes[] = "/tmp/.uci/t";
 
-std::shared_ptr<uci_context> new_context()
+using context = std::unique_ptr<uci_context, decltype(&uci_free_context)>;
+
+context new_context()
 {
     return {uci_alloc_context(), uci_free_context};
 }
 
-/// Sets by paths with values, then saves if asked to and commits.
-bool commit(std::vector<std::string> paths, bool save = false)
+/// Sets by paths with values, then commits; gives the first code that is none of success.
+int commit(std::vector<std::string> paths, bool save_before = false)
 {
-    const auto ctx = new_context();
+    const context ctx = new_context();
     uci_ptr ptr{};
-    bool failed = false;
-    for (std::string &path : paths)
-        failed = failed || uci_lookup_ptr(ctx.get(), &ptr, path.data(), true) || uci_set(ctx.get(), &ptr);
-    return !failed && !(save && uci_save(ctx.get(), ptr.p)) && !uci_commit(ctx.get(), &ptr.p, false);
+    for (std::string &path : paths) {
+        if (const int code = uci_lookup_ptr(ctx.get(), &ptr, path.data(), true); code != UCI_OK)
+            return code;
+        if (const int code = uci_set(ctx.get(), &ptr); code != UCI_OK)
+            return code;
+    }
+    if (const int code = save_before ? uci_save(ctx.get(), ptr.p) : UCI_OK; code != UCI_OK)
+        return code;
+    return uci_commit(ctx.get(), &ptr.p, false);
 }
 
-/// The texts of t.s.a and t.s.b, by name of the package or by its path, which leaves change files aside.
-std::pair<std::string, std::string> read_options(const char *package_name = file)
-{
-    const auto ctx = new_context();
-    uci_package *p = nullptr;
-    EXPECT_EQ(uci_load(ctx.get(), package_name, &p), UCI_OK);
-    uci_section *s = uci_lookup_section(ctx.get(), p, "s");
-    return {uci_lookup_option_string(ctx.get(), s, "a"), uci_lookup_option_string(ctx.get(), s, "b")};
-}
+/// The package t by name, or by its path, which leaves change files aside, and its section s.
+struct loaded_package {
+    explicit loaded_package(const char *name)
+    {
+        EXPECT_EQ(uci_load(ctx.get(), name, &package), UCI_OK) << read_file(file);
+        section = uci_lookup_section(ctx.get(), package, "s");
+    }
+
+    std::string text(const char *option) const { return uci_lookup_option_string(ctx.get(), section, option); }
+
+    const context ctx = new_context();
+    uci_package *package = nullptr;
+    uci_section *section = nullptr;
+};
 
 /// Adds an item to t.s.l and writes their number to t.s.a.
 void count_up()
 {
-    const auto ctx = new_context();
-    uci_ptr ptr{};
-    std::string path = "t.s.a";
-    EXPECT_EQ(uci_lookup_ptr(ctx.get(), &ptr, path.data(), false), UCI_OK);
-    const std::string number = std::to_string(std::stoi(ptr.o->v.string) + 1);
-    ptr.value = number.c_str();
-    uci_ptr list{UCI_TYPE_UNSPEC, {}, ptr.p, ptr.s, nullptr, nullptr, nullptr, nullptr, "l", "x"};
-    if (!uci_set(ctx.get(), &ptr) && !uci_add_list(ctx.get(), &list))
-        uci_commit(ctx.get(), &ptr.p, false);
+    const loaded_package loaded{"t"};
+    const std::string number = std::to_string(std::stoi(loaded.text("a")) + 1);
+    uci_ptr set{};
+    set.p = loaded.package;
+    set.s = loaded.section;
+    set.option = "a";
+    set.value = number.c_str();
+    EXPECT_EQ(uci_set(loaded.ctx.get(), &set), UCI_OK);
+    uci_ptr add = {};
+    add.p = loaded.package;
+    add.s = loaded.section;
+    add.option = "l";
+    add.value = "x";
+    EXPECT_EQ(uci_add_list(loaded.ctx.get(), &add), UCI_OK);
+    uci_package *committed = loaded.package;
+    EXPECT_EQ(uci_commit(loaded.ctx.get(), &committed, false), UCI_OK);
 }
 
-/// Whether t.s.l has as many items as t.s.a says.
-bool is_counted(const char *package_name)
+/// t.s.l has as many items as t.s.a says.
+void expect_counted(const char *package_name)
 {
-    const auto ctx = new_context();
-    uci_package *p = nullptr;
-    EXPECT_EQ(uci_load(ctx.get(), package_name, &p), UCI_OK);
-    uci_section *s = uci_lookup_section(ctx.get(), p, "s");
-    const uci_option *l = uci_lookup_option(ctx.get(), s, "l");
+    const loaded_package loaded{package_name};
+    const uci_option *list = uci_lookup_option(loaded.ctx.get(), loaded.section, "l");
     int items = 0;
     uci_element *e = nullptr;
-    if (l)
-        uci_foreach_element (&l->v.list, e)
+    if (list) {
+        uci_foreach_element (&list->v.list, e)
             ++items;
-    return std::to_string(items) == uci_lookup_option_string(ctx.get(), s, "a");
+    }
+    EXPECT_EQ(loaded.text("a"), std::to_string(items)) << package_name << read_file(file) << read_file(changes);
 }
 
 /// The temporary files in the configuration directory.
@@ -94,39 +139,25 @@ std::ptrdiff_t leftovers()
     return std::distance(std::filesystem::directory_iterator{"/etc/config"}, {}) - std::filesystem::exists(file);
 }
 
-/// Runs body in a process of its own, which fails if a check in it does.
-template <typename Body> pid_t start(Body &&body)
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        body();
-        std::exit(testing::Test::HasFailure());
-    }
-    return pid;
-}
-
-int wait_for(pid_t pid)
-{
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
-}
-
 TEST(libuci, two_processes_commit_at_once)
 {
     write_file(file, "config x s\n\toption a 100\n\toption b 100\n");
     const auto writer = [](const std::string &path, bool save) {
         for (int i = 101; i <= 400; ++i)
-            EXPECT_TRUE(commit({path + std::to_string(i)}, save)) << path << i;
+            EXPECT_EQ(commit({path + std::to_string(i)}, save), UCI_OK) << path << i;
     };
-    const pid_t a = start([&] { writer("t.s.a=", true); });
-    const pid_t b = start([&] { writer("t.s.b=", false); });
-    const std::pair<std::string, std::string> end{"400", "400"};
-    for (auto [last, now] = std::pair{read_options(), end}; last != end; last = now) {
-        now = read_options();
-        ASSERT_TRUE(now.first >= last.first && now.second >= last.second) << now.first << ", " << now.second;
+    child_process a{[&] { writer("t.s.a=", true); }};
+    child_process b{[&] { writer("t.s.b=", false); }};
+    std::string last_a, last_b;
+    while (last_a != "400" || last_b != "400") {
+        const loaded_package now{file};
+        ASSERT_GE(now.text("a"), last_a); // nothing is ever lost
+        ASSERT_GE(now.text("b"), last_b);
+        last_a = now.text("a");
+        last_b = now.text("b");
     }
-    EXPECT_EQ(wait_for(a) | wait_for(b), 0);
+    a.join();
+    b.join();
     EXPECT_EQ(leftovers(), 0);
 }
 
@@ -135,18 +166,20 @@ TEST(libuci, killed_at_any_moment)
     write_file(file, "config x s\n\toption a 0\n");
     int killed_inside = 0;
     for (unsigned i = 0; i < 400; ++i) {
-        const pid_t pid = start([] {
+        child_process counting{[] {
             for (;;)
                 count_up();
-        });
+        }};
         usleep(1000 + i * 1009 % 3000);
-        kill(pid, SIGKILL);
-        wait_for(pid);
-        EXPECT_TRUE(is_counted("t") && is_counted(file)) << read_file(file) << read_file(changes);
+        counting.end_with(SIGKILL);
+        expect_counted("t");
+        expect_counted(file);
         EXPECT_LE(leftovers(), 1);
         killed_inside += leftovers() != 0;
         if (i % 4 == 0) { // nobody's lock is left
-            EXPECT_TRUE(commit({"t.s.a=0", "t.s.l="}) && is_counted(file) && leftovers() == 0);
+            EXPECT_EQ(commit({"t.s.a=0", "t.s.l="}), UCI_OK);
+            expect_counted(file);
+            EXPECT_EQ(leftovers(), 0);
         }
     }
     EXPECT_GT(killed_inside, 0);
@@ -156,7 +189,56 @@ TEST(libuci, nul_spoils_one_change)
 {
     write_file(file, "config x s\n\toption a 0\n\toption b 0\n");
     write_file(changes, std::string{"t.s.a='1\0\nt.s.a='2'\n'\nt.s.b=3\n", 30});
-    EXPECT_EQ(read_options("t"), (std::pair<std::string, std::string>{"0", "3"}));
+    const loaded_package loaded{"t"};
+    EXPECT_EQ(loaded.text("a"), "0");
+    EXPECT_EQ(loaded.text("b"), "3");
+}
+
+const std::string before = "config x s\n\toption a old\n", after = "\nconfig x 's'\n\toption a 'new'\n\n";
+
+TEST(libuci, a_commit_is_on_the_disk_before_it_says_so)
+{
+    write_file(file, before);
+    synced.watched = true;
+    EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK);
+    const char *const order[] = {changes, "/etc/config/.t.uci-", changes, "/etc/config"}; // lines, file, comment, name
+    ASSERT_EQ(synced.paths.size(), std::size(order));
+    for (std::size_t i = 0; i < std::size(order); ++i)
+        EXPECT_TRUE(synced.paths[i].starts_with(order[i])) << i << synced.paths[i];
+}
+
+TEST(libuci, a_disk_that_fails_loses_nothing)
+{
+    const std::string line = "t.s.a='new'\n";
+    const struct {
+        int sync, want;
+        std::string file, changes;
+    } cases[] = {
+        {1, UCI_ERR_IO, before, ""}, {2, UCI_ERR_IO, before, line}, {3, UCI_OK, after, ""}, {4, UCI_ERR_IO, after, ""}};
+    for (const auto &[sync, want, package_file, change_file] : cases) {
+        write_file(file, before);
+        write_file(changes, "");
+        synced.left = sync;
+        EXPECT_EQ(commit({"t.s.a=new"}), want) << sync;
+        EXPECT_EQ(read_file(file), package_file) << sync;
+        EXPECT_EQ(read_file(changes), change_file) << sync;
+        EXPECT_EQ(leftovers(), 0) << sync;
+        EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK) << sync;
+        EXPECT_EQ(read_file(file), after) << sync;
+    }
+}
+
+TEST(libuci, a_file_that_can_not_be_replaced_stays_with_its_changes)
+{
+    write_file(file, before);
+    ASSERT_EQ(mount(file, file, nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(commit({"t.s.a=new"}), UCI_ERR_IO);
+    EXPECT_EQ(read_file(file), before);
+    EXPECT_EQ(read_file(changes), "t.s.a='new'\n");
+    EXPECT_EQ(leftovers(), 0);
+    ASSERT_EQ(umount(file), 0);
+    EXPECT_EQ(commit({"t.s.b=2"}), UCI_OK);
+    EXPECT_EQ(read_file(file), "\nconfig x 's'\n\toption a 'new'\n\toption b '2'\n\n");
 }
 
 /// A daemon's steps from load to revert, up to the first that fails.
@@ -182,23 +264,26 @@ int step_through(uci_context *ctx)
 
 TEST(libuci, memory_runs_out)
 {
-    const std::string before = "config x s\n\toption a 'an old value that is long'\n";
-    const std::string after =
+    const std::string old_file = "config x s\n\toption a 'an old value that is long'\n";
+    const std::string new_file =
         "\nconfig x 's'\n\tlist a 'an old value that is long'\n\tlist a 'new'\n\toption b 'newer'\n\n"
         "config route\n\n";
     int refused = 0;
     for (bool happened = true; happened;) {
-        write_file(file, before);
+        write_file(file, old_file);
         write_file(changes, "");
         auto refuse = std::make_unique<allocation_refusal>(++refused, "libuci.so");
-        const auto ctx = new_context();
+        const context ctx = new_context();
         const int code = ctx ? step_through(ctx.get()) : UCI_ERR_MEM;
         happened = refuse->happened();
         refuse.reset();
         EXPECT_EQ(code, happened ? UCI_ERR_MEM : UCI_OK) << refused;
         EXPECT_EQ(leftovers(), 0);
-        EXPECT_TRUE(read_file(file) == before || read_file(file) == after) << refused << read_file(file);
-        EXPECT_TRUE(!ctx || !happened || step_through(ctx.get()) == UCI_OK) << refused;
+        const std::string content = read_file(file);
+        EXPECT_EQ(content, content == new_file ? new_file : old_file) << refused;
+        if (ctx && happened) { // which is as good as ever
+            EXPECT_EQ(step_through(ctx.get()), UCI_OK) << refused;
+        }
     }
     EXPECT_GT(refused, 50);
 }
@@ -215,7 +300,7 @@ int step(struct uci_context *ctx, struct uci_ptr *ptr)
 })");
     const std::string flags = " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I" + host_path(SOURCE_DIR);
     for (const std::string compiler : {"gcc -std=c11", "g++ -std=c++20 -x c++"})
-        EXPECT_EQ(std::system((compiler + flags + "/compat/libuci /program.c").c_str()), 0);
+        EXPECT_EQ(std::system((compiler + flags + "/compat/libuci /program.c").c_str()), 0) << compiler;
 }
 
 } // namespace

@@ -20,19 +20,28 @@ void remove_text(text_element *object) noexcept
     delete object;
 }
 
+bool is_found(const change &what, const section *at, const option *old) noexcept
+{
+    return at && (what.option.empty() || old);
+}
+
+void require_found(const change &what, const section *at, const option *old)
+{
+    if (!is_found(what, at, old))
+        throw failure{UCI_ERR_NOTFOUND};
+}
+
 outcome set(package &to, const change &what, section *at)
 {
     const std::string_view value = *what.value;
     if (!what.option.empty()) {
-        if (!at)
-            return {UCI_ERR_INVAL};
+        require(at);
         option *old = at->find(what.option);
         if (old && old->type == UCI_TYPE_STRING && old->text == value)
-            return {UCI_OK, false, at, old};
-        return {UCI_OK, true, at, &set_option(*at, what.option, value)};
+            return {false, at, old};
+        return {true, at, &set_option(*at, what.option, value)};
     }
-    if (!is_printable(value))
-        return {UCI_ERR_INVAL};
+    require(is_printable(value));
     const bool same = at && at->type_text == value;
     if (!at) {
         at = &to.append(value, what.section);
@@ -42,19 +51,18 @@ outcome set(package &to, const change &what, section *at)
     }
     if (what.kind == change_kind::add)
         at->anonymous = true;
-    return {UCI_OK, !same, at, nullptr};
+    return {!same, at, nullptr};
 }
 
 outcome remove_numbered(option &from, std::string_view text)
 {
     const auto number = to_number(text);
-    if (!number)
-        return {UCI_ERR_INVAL};
+    require(number.has_value());
     long index = 0;
     for (text_element &item : items{from.v.list}) {
         if (index++ == *number) {
             remove_text(&item);
-            return {UCI_OK, true};
+            return {true};
         }
     }
     return {};
@@ -62,21 +70,20 @@ outcome remove_numbered(option &from, std::string_view text)
 
 outcome remove(const change &what, section *at, option *old)
 {
-    if (!at || (!what.option.empty() && !old))
-        return {UCI_ERR_NOTFOUND};
+    require_found(what, at, old);
     if (!old)
         remove_object(at);
     else if (old->type == UCI_TYPE_LIST && !what.value.value_or("").empty())
         return remove_numbered(*old, *what.value);
     else
         remove_object(old);
-    return {UCI_OK, true, what.option.empty() ? nullptr : at, nullptr};
+    return {true, what.option.empty() ? nullptr : at, nullptr};
 }
 
 outcome remove_equal(option *from, std::string_view value)
 {
     if (!from || from->type != UCI_TYPE_LIST)
-        return {UCI_ERR_NOTFOUND};
+        throw failure{UCI_ERR_NOTFOUND};
     outcome result;
     uci_element *item;
     uci_element *next;
@@ -92,12 +99,10 @@ outcome remove_equal(option *from, std::string_view value)
 outcome rename(package &to, const change &what, section *at, option *old)
 {
     std::string fresh{*what.value};
-    if (!at || (!what.option.empty() && !old))
-        return {UCI_ERR_NOTFOUND};
-    if (!is_name(fresh))
-        return {UCI_ERR_INVAL};
+    require_found(what, at, old);
+    require(is_name(fresh));
     if (old ? at->find(fresh) != nullptr : to.find(fresh) != nullptr)
-        return {UCI_ERR_DUPLICATE};
+        throw failure{UCI_ERR_DUPLICATE};
     if (old) {
         old->name.swap(fresh);
         old->e.name = old->name.data();
@@ -106,23 +111,22 @@ outcome rename(package &to, const change &what, section *at, option *old)
         at->rename(fresh);
         at->anonymous = false;
     }
-    return {UCI_OK, true};
+    return {true};
 }
 
 outcome move(package &to, const change &what, section *at)
 {
     if (!at || !what.option.empty())
-        return {UCI_ERR_NOTFOUND};
+        throw failure{UCI_ERR_NOTFOUND};
     const auto index = to_number(*what.value);
-    if (!index || *index < 0)
-        return {UCI_ERR_INVAL};
+    require(index && *index >= 0);
     unlink(at->e);
     uci_list &all = to.uci_package::sections;
     uci_list *position = all.next;
     for (long passed = 0; passed < *index && position != &all; ++passed)
         position = position->next;
     link_before(*position, at->e);
-    return {UCI_OK, true};
+    return {true};
 }
 
 /// The change that a line's argument describes, or nothing if it describes none of this package.
@@ -214,15 +218,15 @@ outcome apply(package &to, const change &what)
     switch (what.kind) {
     case change_kind::set:
     case change_kind::add:
-        if (!what.value->empty() || (!what.option.empty() && !at))
+        if (!what.value->empty())
             return set(to, what, at);
-        return {UCI_OK, remove(what, at, old).changed, what.option.empty() ? nullptr : at, nullptr};
+        require(at || what.option.empty()); // an empty value deletes, if there is something
+        return is_found(what, at, old) ? remove(what, at, old) : outcome{false, at, nullptr};
     case change_kind::remove:
         return remove(what, at, old);
     case change_kind::add_item:
-        if (!at)
-            return {UCI_ERR_INVAL};
-        return {UCI_OK, true, at, &add_item(*at, what.option, *what.value)};
+        require(at);
+        return {true, at, &add_item(*at, what.option, *what.value)};
     case change_kind::remove_item:
         return remove_equal(old, *what.value);
     case change_kind::rename:
@@ -230,7 +234,7 @@ outcome apply(package &to, const change &what)
     case change_kind::move:
         return move(to, what, at);
     }
-    return {UCI_ERR_INVAL};
+    throw failure{UCI_ERR_INVAL};
 }
 
 outcome make(package &to, const change &what)
@@ -245,6 +249,13 @@ outcome make(package &to, const change &what)
     return result;
 }
 
+bool names_item(package &in, const change &what) noexcept
+{
+    section *at = in.find(what.section);
+    const option *of = at ? at->find(what.option) : nullptr;
+    return of && of->type == UCI_TYPE_LIST && !what.value.value_or("").empty();
+}
+
 std::string change_line(std::string_view package_name, const change &what)
 {
     const bool deletes = what.kind == change_kind::set && what.value->empty();
@@ -254,10 +265,10 @@ std::string change_line(std::string_view package_name, const change &what)
         line += static_cast<char>(kind);
     line += escaped(package_name);
     line += '.';
-    line += harmless(what.section);
+    line += masked(what.section);
     if (!what.option.empty()) {
         line += '.';
-        line += harmless(what.option);
+        line += masked(what.option);
     }
     if (what.value && !deletes) {
         line += '=';
@@ -269,7 +280,13 @@ std::string change_line(std::string_view package_name, const change &what)
 std::size_t apply_lines(package &to, std::string_view content)
 {
     std::size_t applied = 0;
-    for_each_change(to.name, content, [&](const change &what) { applied += apply(to, what).code == UCI_OK; });
+    for_each_change(to.name, content, [&](const change &what) {
+        try {
+            apply(to, what);
+            ++applied;
+        } catch (const failure &) { // it does not fit the package any more
+        }
+    });
     return applied;
 }
 

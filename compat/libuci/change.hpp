@@ -32,17 +32,19 @@ struct change {
 
 /// What became of a change.
 struct outcome {
-    int code = UCI_OK;
     bool changed = false;         // the package is another than before
     libuci::section *s = nullptr; // what was set
     libuci::option *o = nullptr;
 };
 
-/// Makes the change in memory: all of it or, when memory runs out, nothing.
+/// Makes the change in memory: all of it or, when that fails or memory runs out, nothing.
 outcome apply(package &to, const change &what);
 
 /// Makes the change and takes it into the package's unsaved lines.
 outcome make(package &to, const change &what);
+
+/// Whether the change is about one item of a list.
+bool names_item(package &in, const change &what) noexcept;
 
 std::string change_line(std::string_view package_name, const change &what);
 

@@ -1,9 +1,12 @@
 #include "files.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
+#include <new>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -27,14 +30,11 @@ void check(bool done)
         throw failure{UCI_ERR_IO};
 }
 
-/// Whether a failed call tells that there is no regular file, rather than that we can't get at it.
-bool nothing_there() noexcept
+/// Whether the error of a call says that there is no regular file, rather than that we can't get at it.
+bool tells_of_nothing(int error) noexcept
 {
-    for (const int error : {ENOENT, ENOTDIR, EISDIR, ELOOP, ENAMETOOLONG, ENXIO}) {
-        if (errno == error)
-            return true;
-    }
-    return false;
+    const int errors[] = {ENOENT, ENOTDIR, EISDIR, ELOOP, ENAMETOOLONG, ENXIO};
+    return std::find(std::begin(errors), std::end(errors), error) != std::end(errors);
 }
 
 /// Waits until what was written is on the disk, if the file system knows such a thing.
@@ -54,20 +54,20 @@ void write_whole(int fd, std::string_view text)
 }
 
 /// A new file beside the one that it is to replace; removed again unless it did.
-class successor {
+class replacement {
 public:
-    explicit successor(const std::string &path_prefix) : path_{path_prefix + "XXXXXX"}
+    explicit replacement(const std::string &path_prefix) : path_{path_prefix + "XXXXXX"}
     {
         fd_ = descriptor{::mkostemp(path_.data(), O_CLOEXEC)};
         check(static_cast<bool>(fd_));
     }
-    ~successor()
+    ~replacement()
     {
         if (!path_.empty())
             ::unlink(path_.c_str());
     }
-    successor(const successor &) = delete;
-    successor &operator=(const successor &) = delete;
+    replacement(const replacement &) = delete;
+    replacement &operator=(const replacement &) = delete;
 
     void fill(std::string_view content, mode_t mode)
     {
@@ -127,7 +127,7 @@ descriptor open_locked(const std::string &path, access how, mode_t create_mode)
         if (!file) {
             if (errno == EACCES || errno == EPERM)
                 throw not_permitted{};
-            check(nothing_there());
+            check(tells_of_nothing(errno));
             return {};
         }
         struct stat opened;
@@ -198,7 +198,7 @@ std::string real_path(const std::string &path)
 {
     const std::unique_ptr<char, frees> target{::realpath(path.c_str(), nullptr)};
     if (!target && errno == ENOMEM)
-        throw failure{UCI_ERR_MEM};
+        throw std::bad_alloc{};
     check(static_cast<bool>(target));
     return target.get();
 }
@@ -218,7 +218,7 @@ bool replace(const std::string &path, const descriptor &locked, std::string_view
     const descriptor entries{::open(target.folder().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     check(static_cast<bool>(entries));
     remove_leftovers_at(target);
-    successor fresh{target.folder() + target.temporary_prefix()};
+    replacement fresh{target.folder() + target.temporary_prefix()};
     fresh.fill(content, old.st_mode & 07777);
     about_to(fresh.id());
     fresh.take_over(target.file);
@@ -234,9 +234,9 @@ mode_t permissions(const std::string &path, mode_t otherwise) noexcept
 bool is_regular(const std::string &path)
 {
     struct stat status;
-    const bool there = ::stat(path.c_str(), &status) == 0;
-    check(there || nothing_there());
-    return there && S_ISREG(status.st_mode);
+    const bool found = ::stat(path.c_str(), &status) == 0;
+    check(found || tells_of_nothing(errno));
+    return found && S_ISREG(status.st_mode);
 }
 
 bool is_folder(const std::string &path) noexcept

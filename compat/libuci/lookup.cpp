@@ -44,48 +44,86 @@ std::optional<position> parse_position(std::string_view text)
 
 section *find_at(package &in, const position &wanted) noexcept
 {
-    const auto fits = [&](const section &each) { return wanted.type.empty() || each.type_text == wanted.type; };
+    const auto counts = [&](const section &each) { return wanted.type.empty() || each.type_text == wanted.type; };
     long index = wanted.index;
     if (index < 0) {
         for (const section &each : sections{in.uci_package::sections})
-            index += fits(each);
+            index += counts(each);
     }
     for (section &each : sections{in.uci_package::sections}) {
-        if (fits(each) && index-- == 0)
+        if (counts(each) && index-- == 0)
             return &each;
     }
     return nullptr;
 }
 
-int resolve_section(uci_ptr &ptr, bool extended)
+/// The names of what a ptr has only as an object.
+void fill_names(uci_ptr &ptr) noexcept
 {
-    if (ptr.s)
-        return UCI_OK;
-    package &in = own(*ptr.p);
-    if (!(ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED)) {
-        ptr.s = in.find(ptr.section);
-        return UCI_OK;
-    }
+    if (ptr.s && !ptr.section)
+        ptr.section = ptr.s->e.name;
+    if (ptr.o && !ptr.option)
+        ptr.option = ptr.o->e.name;
+}
+
+void find_package(context &ctx, uci_ptr &ptr)
+{
+    if (!ptr.p)
+        ptr.p = ctx.find(ptr.package);
+    if (!ptr.p)
+        ptr.p = &load(ctx, ptr.package);
+    ptr.last = &ptr.p->e;
+}
+
+section *find_by_position(uci_ptr &ptr, bool extended)
+{
     const auto wanted = extended ? parse_position(ptr.section) : std::nullopt;
     if (!wanted) {
         ptr = {};
-        return UCI_ERR_INVAL;
+        throw failure{UCI_ERR_INVAL};
     }
-    ptr.s = find_at(in, *wanted);
+    section *found = find_at(own(*ptr.p), *wanted);
+    if (found)
+        ptr.section = found->e.name;
+    return found;
+}
+
+/// False if the section that is wanted is not there.
+bool find_section(uci_ptr &ptr, bool extended)
+{
+    if (!ptr.section)
+        return true;
+    ptr.o = nullptr;
+    if (!ptr.s) {
+        const bool by_position = ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED;
+        ptr.s = by_position ? find_by_position(ptr, extended) : own(*ptr.p).find(ptr.section);
+    }
     if (ptr.s)
-        ptr.section = ptr.s->e.name;
-    return UCI_OK;
+        ptr.last = &ptr.s->e;
+    return ptr.s != nullptr;
+}
+
+/// False if the option that is wanted is not there.
+bool find_option(uci_ptr &ptr)
+{
+    if (!ptr.s || !ptr.option)
+        return true;
+    ptr.o = own(*ptr.s).find(ptr.option);
+    if (ptr.o)
+        ptr.last = &ptr.o->e;
+    return ptr.o != nullptr;
 }
 
 } // namespace
 
-bool parse_path(uci_ptr &ptr, char *text) noexcept
+void parse_path(uci_ptr &ptr, char *text)
 {
+    ptr = {};
     char *value = cut(text, '=');
     char *section = cut(text, '.');
     char *option = cut(section, '.');
     if (!is_printable(text) || (option && !is_name(option)) || (value && !is_value(value)))
-        return false;
+        throw failure{UCI_ERR_PARSE};
     ptr.package = text;
     ptr.section = section;
     ptr.option = option;
@@ -93,40 +131,34 @@ bool parse_path(uci_ptr &ptr, char *text) noexcept
     ptr.target = option ? UCI_TYPE_OPTION : section ? UCI_TYPE_SECTION : UCI_TYPE_PACKAGE;
     if (section && !is_name(section))
         add_flag(ptr, uci_ptr::UCI_LOOKUP_EXTENDED);
-    return true;
 }
 
-int resolve(context &ctx, uci_ptr &ptr, bool extended)
+void resolve(context &ctx, uci_ptr &ptr, bool extended)
 {
-    if (!ptr.p && !ptr.package)
-        return UCI_ERR_INVAL;
-    if (ptr.s && !ptr.section)
-        ptr.section = ptr.s->e.name;
-    if (ptr.o && !ptr.option)
-        ptr.option = ptr.o->e.name;
+    require(ptr.p || ptr.package);
+    fill_names(ptr);
     ptr.flags = static_cast<decltype(ptr.flags)>(ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED);
     add_flag(ptr, uci_ptr::UCI_LOOKUP_DONE);
-    if (!ptr.p)
-        ptr.p = ctx.find(ptr.package);
-    if (!ptr.p)
-        ptr.p = &load(ctx, ptr.package);
-    ptr.last = &ptr.p->e;
-    if (ptr.s || ptr.section) {
-        if (const int code = resolve_section(ptr, extended); code != UCI_OK)
-            return code;
-        ptr.o = nullptr;
-        if (!ptr.s)
-            return UCI_OK;
-        ptr.last = &ptr.s->e;
-    }
-    if (ptr.s && ptr.option) {
-        ptr.o = own(*ptr.s).find(ptr.option);
-        if (!ptr.o)
-            return UCI_OK;
-        ptr.last = &ptr.o->e;
-    }
-    add_flag(ptr, uci_ptr::UCI_LOOKUP_COMPLETE);
-    return UCI_OK;
+    find_package(ctx, ptr);
+    if (find_section(ptr, extended) && find_option(ptr))
+        add_flag(ptr, uci_ptr::UCI_LOOKUP_COMPLETE);
+}
+
+change resolve_change(context &ctx, uci_ptr &ptr, change_kind kind)
+{
+    if (!(ptr.flags & uci_ptr::UCI_LOOKUP_DONE))
+        resolve(ctx, ptr, true);
+    require(ptr.p);
+    fill_names(ptr);
+    require(!ptr.option || *ptr.option);
+    change result{kind, {}, {}, {}};
+    if (ptr.section)
+        result.section = ptr.s ? ptr.s->e.name : ptr.section;
+    if (ptr.option)
+        result.option = ptr.option;
+    if (ptr.value)
+        result.value = ptr.value;
+    return result;
 }
 
 } // namespace libuci

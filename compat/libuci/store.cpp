@@ -63,10 +63,10 @@ package &enlist(context &ctx, std::unique_ptr<package> fresh) noexcept
     return *fresh.release();
 }
 
-void drop(package *&at) noexcept
+void drop(uci_package *&at) noexcept
 {
     unlink(at->e);
-    delete at;
+    delete &own(*at);
     at = nullptr;
 }
 
@@ -151,9 +151,9 @@ private:
 
 /// Puts the package as its file and the changes have it in the place of the old one, which is gone even if that fails.
 /// Gives the number of lines that were applied.
-std::size_t reload(context &ctx, package *&at, const descriptor &file, const std::vector<std::string> &changes)
+std::size_t reload(context &ctx, uci_package *&at, const descriptor &file, const std::vector<std::string> &changes)
 {
-    const std::string name = at->name;
+    const std::string name = at->e.name;
     const std::string path = at->path;
     drop(at);
     auto fresh = read_package_file(ctx, name, path, file);
@@ -165,33 +165,53 @@ std::size_t reload(context &ctx, package *&at, const descriptor &file, const std
     return applied;
 }
 
-/// Replaces the package file, and only then empties the change file, if there is one. Who is killed in between leaves
-/// a comment there that tells which package file has the lines. Whoever renames or reads has the change file's lock.
-void put_in_place(package &from, locked_package &locked, const descriptor &saved)
+/// Says behind the lines of a change file that the package file which is about to be in place has them.
+void announce(const descriptor &saved, const line_end &end, file_id fresh)
+{
+    if (end.length == 0)
+        return;
+    shorten(saved, end.length);
+    try {
+        append(saved, end.separator + in_place_comment(fresh));
+    } catch (const failure &) { // a full disk is no reason not to commit
+    }
+}
+
+/// Replaces the package file; false if it may not outlive a power cut. A failure leaves the change file as it was.
+bool replace_announced(package &from, const locked_package &locked, const descriptor &saved)
 {
     const line_end end = saved ? end_of_lines(read_whole(saved)) : line_end{};
-    const auto announce = [&](file_id fresh) {
-        if (end.length == 0)
-            return;
-        shorten(saved, end.length);
-        try {
-            append(saved, end.separator + in_place_comment(fresh));
-        } catch (const failure &) { // a full disk is no reason not to commit
-        }
-    };
-    bool on_disk = false;
     try {
-        on_disk = replace(from.path, locked.file(), package_text(from), announce);
+        return replace(from.path, locked.file(), package_text(from),
+                       [&](file_id fresh) { announce(saved, end, fresh); });
     } catch (...) {
         if (end.length > 0)
             shorten(saved, end.length);
         throw;
     }
+}
+
+/// Replaces the package file, and only then empties the change file, if there is one. Who is killed in between leaves
+/// a comment there that tells which package file has the lines. Whoever renames or reads has the change file's lock.
+void put_in_place(package &from, locked_package &locked, const descriptor &saved)
+{
+    const bool on_disk = replace_announced(from, locked, saved);
     locked.keep();
     from.unsaved.clear();
     if (saved)
         shorten(saved, 0);
     if (!on_disk)
+        throw failure{UCI_ERR_IO};
+}
+
+/// Takes the changes of a section or option, or of the whole package, out of the change file.
+void take_out(context &ctx, package &of, const std::string &section_name, const std::string &option_name)
+{
+    const descriptor saved = own_changes(ctx, of);
+    if (!saved)
+        return;
+    const std::string rest = lines_without(of.name, pending_lines(saved, id_at(of.path)), section_name, option_name);
+    if (!replace(change_path(ctx.savedir, of), saved, rest))
         throw failure{UCI_ERR_IO};
 }
 
@@ -243,34 +263,27 @@ void save(context &ctx, package &from)
         own_changes(ctx, from);
 }
 
-void commit(context &ctx, package *&at, bool overwrite)
+void commit(context &ctx, uci_package *&at, bool overwrite)
 {
-    if (overwrite || !at->has_delta)
-        return overwrite_file(ctx, *at);
-    locked_package locked{*at};
+    package &old = own(*at);
+    if (overwrite || !old.has_delta)
+        return overwrite_file(ctx, old);
+    locked_package locked{old};
     const file_id id = id_of(locked.file());
-    std::vector<std::string> changes = other_changes(ctx, *at, id);
-    const descriptor saved = own_changes(ctx, *at);
+    std::vector<std::string> changes = other_changes(ctx, old, id);
+    const descriptor saved = own_changes(ctx, old);
     changes.push_back(pending_lines(saved, id));
     if (saved)
-        remove_leftovers(change_path(ctx.savedir, *at));
+        remove_leftovers(change_path(ctx.savedir, old));
     if (reload(ctx, at, locked.file(), changes) == 0)
         return locked.keep();
-    put_in_place(*at, locked, saved);
+    put_in_place(own(*at), locked, saved);
 }
 
-void revert(context &ctx, package *&at, const std::string &section_name, const std::string &option_name)
+void revert(context &ctx, uci_package *&at, const std::string &section_name, const std::string &option_name)
 {
-    {
-        const descriptor saved = own_changes(ctx, *at);
-        if (saved) {
-            const std::string rest =
-                lines_without(at->name, pending_lines(saved, id_at(at->path)), section_name, option_name);
-            if (!replace(change_path(ctx.savedir, *at), saved, rest))
-                throw failure{UCI_ERR_IO};
-        }
-    }
-    const std::string name = at->name;
+    take_out(ctx, own(*at), section_name, option_name);
+    const std::string name = at->e.name;
     drop(at);
     at = &load(ctx, name);
 }

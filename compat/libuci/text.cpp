@@ -85,7 +85,7 @@ std::string escaped(std::string_view text)
     return result;
 }
 
-std::string harmless(std::string_view name)
+std::string masked(std::string_view name)
 {
     std::string result{name};
     for (char &c : result) {

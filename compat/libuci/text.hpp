@@ -23,7 +23,7 @@ std::string escaped(std::string_view text); // reads as one argument without quo
 
 /// A section's or option's name for a change line. One that is no name stays none, but with nothing in it that could
 /// make the line mean something else or go on into the next.
-std::string harmless(std::string_view name);
+std::string masked(std::string_view name);
 
 /// Takes a file apart into command lines and those into arguments. Fails with parse_failure.
 ///
