@@ -85,6 +85,13 @@ TEST_F(route, the_kernels_default_route_needs_a_gateway)
     EXPECT_EQ(log(), records{});
 }
 
+TEST_F(route, half_of_all_addresses_count_as_the_default_route)
+{
+    run(topology);
+    run("ip route add 0.0.0.0/1 via 192.168.1.8 && ip route add default via 192.168.1.9");
+    EXPECT_EQ(find(), "1 br-lan#192.168.1.8"); // which the kernel lists first
+}
+
 TEST_F(route, either_output_alone_or_none)
 {
     replace_table();
