@@ -1,5 +1,13 @@
 /*
- * access_daemon: answers over the message bus who may reach what.
+ * vdaccess: the access daemon, which answers over the message bus who may reach what.
+ *
+ *     vdaccess [-f] [-u USER] [-n NAME] [-i SECONDS] [-e]
+ *
+ *     -f  stays in the foreground, where a supervisor can watch it
+ *     -u  gives up root and runs as this user, in the group of the same name
+ *     -n  its name on the bus, "access" unless given
+ *     -i  seconds between two looks at the zone file and the schedules, 60 unless given
+ *     -e  records also go to standard error
  *
  * A question is a message of the type access.ip, access.port, access.mac, access.peer or access.members. Its data names
  * the peer that asks, "common_name", and its target: "ip", "port", "mac", "peer", or for access.members the "direction"
@@ -22,6 +30,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -36,7 +45,7 @@
 #include <util.h>
 #include <zones.h>
 
-#define LOG_ERROR(...) vd_logging_log(libvandrel_logcontext, LOG_ERR, __FILE__, __LINE__, -1, __VA_ARGS__)
+#define LOG_ERROR(...) vd_logging_log(libvandrel_logcontext, LOG_ERR, "vdaccess.c", __LINE__, -1, __VA_ARGS__)
 
 enum {
     LONGEST_MESSAGE = 999994, /* characters of JSON text */
@@ -47,10 +56,11 @@ static const char zone_file[] = "/etc/vandrel/zones.json";
 static const char zones_changed[] = "zones.changed";
 
 struct options {
-    const char *name;  /* on the bus */
-    const char *user;  /* to run as in the background; NULL stays what and where it is */
+    const char *name; /* on the bus */
+    const char *user; /* NULL stays who it is */
+    bool foreground;
     int look_interval; /* seconds between two looks at the zone file and the schedules */
-    int echo;          /* records also go to standard error */
+    int echo;
 };
 
 /* What a question came to: an error text, or else a value, and where there is one the schedule (else -1). */
@@ -420,21 +430,30 @@ static bool run_server(struct event_base *base, const struct options *options)
     return ended_well;
 }
 
-/* Gives up root and the terminal: goes on in the background as a user, in the group of the same name. The capability
- * that is left gives the socket to the group "vdipc", which the user is not in. */
+/* Goes to the background, and gives up root for a user and the group of the same name. The capability that is left
+ * gives the socket to the group "vdipc", which the user need not be in. */
 static bool become_daemon(const char *user)
 {
     static const cap_value_t capabilities[] = {CAP_CHOWN};
     const daemonize_options wanted = {
-        .user = user, .group = user, .umask = 027, .capabilities = capabilities, .capability_count = 1};
+        .user = user, .group = user, .umask = 027, .capabilities = user ? capabilities : NULL, .capability_count = 1};
     return vd_daemonize(&wanted) == 0; /* logs why it failed */
+}
+
+/* The same in the foreground. No capability is left, so here the user has to be in "vdipc". */
+static bool become_user(const char *user)
+{
+    umask(027);
+    return vd_set_process_uid_and_gid_by_names(user, user, false) == 0; /* logs why it failed */
 }
 
 static bool read_options(int argc, char *argv[], struct options *options)
 {
     const char *wrong = NULL;
-    for (int option; (option = getopt(argc, argv, "n:i:u:e")) != -1;) {
-        if (option == 'n')
+    for (int option; (option = getopt(argc, argv, "fu:n:i:e")) != -1;) {
+        if (option == 'f')
+            options->foreground = true;
+        else if (option == 'n')
             options->name = optarg;
         else if (option == 'i')
             options->look_interval = (int)strtonum(optarg, 1, 86400, &wrong);
@@ -445,7 +464,7 @@ static bool read_options(int argc, char *argv[], struct options *options)
         else
             wrong = "unknown";
         if (wrong) {
-            fprintf(stderr, "usage: %s [-n NAME] [-i SECONDS] [-u USER] [-e]\n", argv[0]);
+            fprintf(stderr, "usage: %s [-f] [-u USER] [-n NAME] [-i SECONDS] [-e]\n", argv[0]);
             return false;
         }
     }
@@ -457,11 +476,12 @@ int main(int argc, char *argv[])
     struct options options = {.name = "access", .look_interval = 60};
     if (!read_options(argc, argv, &options))
         return EXIT_FAILURE;
-    if (!logging_init("access_daemon", options.echo)) {
+    if (!logging_init("vdaccess", options.echo)) {
         perror(argv[0]);
         return EXIT_FAILURE;
     }
-    const bool ready = !options.user || become_daemon(options.user); /* before anything else is opened */
+    /* before anything else is opened */
+    const bool ready = options.foreground ? become_user(options.user) : become_daemon(options.user);
     struct event_base *base = ready ? event_base_new() : NULL;
     if (ready && !base)
         LOG_ERROR("Making the event base failed");
