@@ -184,7 +184,7 @@ void append(const descriptor &file, std::string_view text)
         write_whole(file.get(), text);
         check(sync(file.get()));
     } catch (const failure &) {
-        static_cast<void>(::ftruncate(file.get(), before)); // half a line would spoil the next one
+        [[maybe_unused]] const int cut = ::ftruncate(file.get(), before); // half a line would spoil the next one
         throw;
     }
 }
