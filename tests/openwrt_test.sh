@@ -49,7 +49,7 @@ field() { # PACKAGE NAME
 }
 
 files() { # PACKAGE
-    (cd "$out/$1" && find . ! -type d -printf '%M %P\n' | sort -k 2)
+    (cd "$out/$1" && find . ! -type d -printf '%P\n' | sort | xargs)
 }
 
 # The packages that a package's programs and libraries need, and those that its description names.
@@ -91,12 +91,13 @@ check "the recipe's steps" make_packages
 check "the recipe's version" same "$(sed -n 's/^project(vandrel VERSION \([^ ]*\).*/\1/p' CMakeLists.txt)-1" \
     "$(field libvandrel Version)"
 for package in libvandrel vdctl vdaccess; do
-    echo "$package, $(field "$package" Depends)"
-    files "$package"
+    echo "$package ($(field "$package" Depends)): $(files "$package")"
     check "$package: what it needs besides" same "" "$(comm -13 <(depends "$package") <(needs "$package") | xargs)"
     check "$package: no run path" without_run_path "$package"
 done
-check "what only the library's package holds" same "usr/lib/libvandrel.so.1" "$(cd "$out/libvandrel" && find usr ! -type d)"
+check "libvandrel: its files" same "usr/lib/libvandrel.so.1" "$(files libvandrel)"
+check "vdctl: its files" same "usr/sbin/vdctl" "$(files vdctl)"
+check "vdaccess: its files" same "etc/config/vdaccess etc/init.d/vdaccess usr/sbin/vdaccess" "$(files vdaccess)"
 check "what is kept when the system is upgraded" same "/etc/config/vdaccess /etc/vandrel/zones.json" "$(field vdaccess Kept)"
 mv "$out/staging" "$out/moved"
 check "the staged library" use_the_stage "$out/moved"
