@@ -75,7 +75,8 @@ bool is_too_costly(std::string_view body)
 }
 
 /// The tokener is kept only after a value that was complete before the end: any other text may leave its depth or half
-/// a character behind, which json_tokener_reset does not clear.
+/// a character behind, which json_tokener_reset does not clear. Without a value, null or no memory, success says
+/// nothing.
 json_handle parse_body(std::string_view body)
 {
     tokener_handle tokener = take_tokener();
@@ -84,7 +85,7 @@ json_handle parse_body(std::string_view body)
     const auto text_bytes = static_cast<int>(strnlen(body.data(), body.size()));
     json_handle message{json_tokener_parse_ex(tokener.get(), body.data(), text_bytes)};
     if (json_tokener_get_error(tokener.get()) == json_tokener_success) {
-        if (body.size() <= long_body_bytes) // it would keep room for the longest text that it has seen
+        if (message && body.size() <= long_body_bytes) // it would keep room for the longest text that it has seen
             kept_tokener.value = std::move(tokener);
         return message;
     }
