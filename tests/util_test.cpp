@@ -51,7 +51,7 @@ TEST_F(util, null_equals_only_null)
     } cases[] = {{nullptr, nullptr, 0}, {nullptr, "", 1}, {"", nullptr, 1}};
     for (const auto &[a, b, want] : cases) {
         EXPECT_EQ(safestrcmp(a, b), want);
-        for (const std::size_t size : {0, 1}) {
+        for (const std::size_t size : {0U, 1U}) {
             EXPECT_EQ(safestrncmp(a, b, size), want) << size;
             EXPECT_EQ(safememcmp(a, size, b), want) << size;
         }
