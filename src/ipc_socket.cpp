@@ -121,6 +121,19 @@ void accept_failed(evconnlistener *, void *)
     pause_accepting();            // for want of a descriptor or memory it would fail again at once
 }
 
+/// It is enabled last: where its number is that of a connection that the daemon closed behind the library's back,
+/// libevent would think that it watches it already.
+listener_handle listen_at(const sockaddr_un &address, event_base *base)
+{
+    listener_handle listener{evconnlistener_new_bind(base, accept_connection, nullptr,
+                                                     LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE | LEV_OPT_DISABLED, -1,
+                                                     as_sockaddr(address), sizeof address)};
+    if (!listener)
+        return nullptr;
+    forget_connection(evconnlistener_get_fd(listener.get()));
+    return evconnlistener_enable(listener.get()) == 0 ? std::move(listener) : nullptr;
+}
+
 /// Closes the server, if there is one; its socket file goes unless that is the new server's.
 void release_server(const char *path_in_use)
 {
@@ -140,16 +153,12 @@ int open_server(const char *name, event_base *base, ipc_dispatch dispatch, ipc_c
     ensure_dir_exists(run_directory, run_directory_mode);
     unlink(address.sun_path);
     event_handle resume{evtimer_new(base, resume_accepting, nullptr)};
-    listener_handle listener{resume ? evconnlistener_new_bind(base, accept_connection, nullptr,
-                                                              LEV_OPT_CLOSE_ON_FREE | LEV_OPT_REUSEABLE, -1,
-                                                              as_sockaddr(address), sizeof address)
-                                    : nullptr};
+    listener_handle listener = resume ? listen_at(address, base) : nullptr;
     if (!listener) {
         log_warning_errno("cannot bind");
         return -1;
     }
     const int fd = evconnlistener_get_fd(listener.get());
-    forget_connection(fd);
     evutil_make_socket_closeonexec(fd);
     give_to_group(address.sun_path);
     release_server(address.sun_path);

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <random>
 
@@ -18,6 +19,7 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <json-c/json.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -365,8 +367,12 @@ TEST_F(ipc_test, writes_whole_frames_or_nothing)
     }
     testing::internal::CaptureStderr();
     std::size_t queued = 0;
-    while (write_to(handle, text_of(longest_body - 1)) == 0)
+    int result = 0;
+    while ((result = write_to(handle, text_of(longest_body - 1))) == 0)
         ++queued;
+    const int reason = errno;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(reason, ENOBUFS);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "write: No buffer space available\n");
     EXPECT_EQ(queued, 67U); // times 999999 is just below 64 MiB
     EXPECT_EQ(receive(fd, queued * (longest_body + 4)).size(), queued * (longest_body + 4));
@@ -397,13 +403,65 @@ TEST_F(ipc_test, ends_are_noticed)
         run();
         EXPECT_EQ(testing::internal::GetCapturedStderr(),
                   shut == SHUT_RD ? "Error from bufferevent: Broken pipe\n" : "");
-        EXPECT_EQ(std::pair(heard.back(), heard_from), std::pair("default error -"s, handle));
-        EXPECT_EQ(std::count(heard.begin(), heard.end(), heard.back()), 1);
+        EXPECT_EQ(std::count(heard.begin(), heard.end(), "default error -"), 1);
+        EXPECT_EQ(heard.back(), "default error -");
+        EXPECT_EQ(heard_from, handle);
         EXPECT_EQ(log(), want);
         EXPECT_TRUE(is_closed(fd));
         EXPECT_EQ(write_to(handle, "{}"), -1);
         EXPECT_EQ(write_to(other, "{}"), 0);
     }
+}
+
+TEST_F(ipc_test, an_error_within_a_long_frame_is_noticed)
+{
+    server();
+    const auto [fd, handle] = peer();
+    log();
+    EXPECT_EQ(write_to(handle, "{}"), 0);
+    run();                                                  // what the peer has not read makes its end an error
+    send(fd, ("\0\x0f\x42\x3b"s + std::string(4092, ' '))); // as much as libevent reads at once
+    close(fd);
+    raw.pop_back();
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(run_until([] { return heard == strings{"default error -"}; }));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error from bufferevent: Connection reset by peer\n");
+    EXPECT_EQ(log(), (records{event, warning("Bufferevent error", "ipc.c"), end}));
+}
+
+TEST_F(ipc_test, memory_is_taken_in_step_with_what_has_come)
+{
+    server();
+    const int fd = peer().first;
+    run();
+    const std::size_t before = __sanitizer_get_current_allocated_bytes();
+    send(fd, "\0\x0f\x42\x3b"s);
+    run();
+    EXPECT_LT(__sanitizer_get_current_allocated_bytes(), before + 20'000);
+    send(fd, std::string(5000, ' '));
+    run();
+    EXPECT_LT(__sanitizer_get_current_allocated_bytes(), before + 200'000);
+}
+
+TEST_F(ipc_test, descriptors_closed_behind_its_back)
+{
+    const int listening = server();
+    const auto [fd, handle] = peer();
+    const int next = connected();
+    close(handle);
+    send(next, message("next", "1"));
+    EXPECT_TRUE(run_until([] { return heard == strings{"default next 1"}; }));
+    EXPECT_EQ(heard_from, handle);
+    ipc_close(listening);
+    close(handle);
+    EXPECT_EQ(ipc_server_add_subscriber("news", handle), 0);
+    int fresh = server();
+    while (fresh >= 0 && fresh < handle)
+        fresh = server(); // until the listener has that number
+    EXPECT_EQ(fresh, handle);
+    EXPECT_EQ(with_json("[]", [](json_object *news) { return ipc_server_write_to_subscribers("news", news); }), 1);
+    run();
+    peer();
 }
 
 TEST_F(ipc_test, handlers_may_change_the_bus)
@@ -427,7 +485,8 @@ TEST_F(ipc_test, handlers_may_change_the_bus)
     run();
     std::erase(heard, "default waiting 5"); // where that connection was read first
     EXPECT_EQ(heard, (strings{"named once 1", "default once 2", "default self 3"}));
-    EXPECT_TRUE(is_closed(fd) && is_closed(other_fd));
+    EXPECT_TRUE(is_closed(fd));
+    EXPECT_TRUE(is_closed(other_fd));
 
     const auto [ending_fd, ending] = peer();
     shutdown(ending_fd, SHUT_WR);
@@ -437,47 +496,118 @@ TEST_F(ipc_test, handlers_may_change_the_bus)
     EXPECT_TRUE(run_until([] { return heard.back() == "default again -"; }));
 }
 
-TEST_F(ipc_test, a_server_and_its_socket_file)
+struct stat status_of(const std::string &path)
 {
-    const auto status_of = [](const std::string &name) {
-        struct stat status {};
-        stat(("/var/run/vandrel/ipc_" + name + ".sock").c_str(), &status);
-        return status;
-    };
+    struct stat status {};
+    stat(path.c_str(), &status);
+    return status;
+}
+std::string socket_file(const std::string &name)
+{
+    return "/var/run/vandrel/ipc_" + name + ".sock";
+}
+
+TEST_F(ipc_test, a_server_makes_its_socket_file)
+{
     write_file("/tmp/not_ours", "");
-    EXPECT_EQ(symlink("/tmp/not_ours", "/var/run/vandrel/ipc_test.sock"), 0);
-    const int before = open_descriptors();
-    const gid_t gid = several_ids() ? 77 : 0;
-    const int first = server();
+    EXPECT_EQ(symlink("/tmp/not_ours", socket_file("test").c_str()), 0);
+    server();
     EXPECT_EQ(log(), records{}) << "without the group, nothing to say";
+    const gid_t gid = several_ids() ? 77 : 0;
     write_file("/etc/group", "root:x:0:\nvdipc:x:" + std::to_string(gid) + ":\n");
-    const int second = server(); // takes the place of the first
-    EXPECT_EQ(std::pair(status_of("test").st_gid, status_of("test").st_mode), std::pair(gid, mode_t{S_IFSOCK | 0770}));
+    server();
+    EXPECT_EQ(status_of(socket_file("test")).st_mode, S_IFSOCK | 0770U);
+    EXPECT_EQ(status_of(socket_file("test")).st_gid, gid);
+    EXPECT_EQ(status_of("/tmp/not_ours").st_mode, S_IFREG | 0644U);
+    EXPECT_EQ(status_of("/tmp/not_ours").st_gid, getgid());
+    EXPECT_EQ(log(), records{});
+}
+
+TEST_F(ipc_test, a_server_makes_its_folder)
+{
+    std::filesystem::remove_all("/var/run/vandrel/vpnstate");
+    rename("/var/run/vandrel", "/var/run/away");
+    umask(0);
+    if (access("/var/run/vandrel", F_OK) == 0)
+        GTEST_SKIP() << "the folder is a mount of its own here";
+    server();
+    EXPECT_EQ(status_of("/var/run/vandrel").st_mode, S_IFDIR | 0755U);
+    peer();
+}
+
+TEST_F(ipc_test, a_server_keeps_the_owner_of_its_socket_file)
+{
+    if (!several_ids())
+        GTEST_SKIP() << "needs several ids";
+    write_file("/etc/group", "vdipc:x:77:\n");
+    chmod("/var/run/vandrel", 0777);
+    EXPECT_EQ(setegid(77), 0);
+    EXPECT_EQ(seteuid(1), 0);
+    prctl(PR_SET_DUMPABLE, 1); // its own files in /proc stay its own
+    server();
+    EXPECT_EQ(log(), records{});
+    EXPECT_EQ(status_of(socket_file("test")).st_uid, 1U);
+    EXPECT_EQ(status_of(socket_file("test")).st_gid, 77U);
+    EXPECT_EQ(seteuid(0), 0);
+    EXPECT_EQ(setegid(0), 0);
+}
+
+TEST_F(ipc_test, a_server_without_its_group_is_there_all_the_same)
+{
+    write_file("/etc/group", "vdipc:x:77:\n");
+    chmod("/var/run/vandrel", 0777);
+    if (several_ids()) {
+        EXPECT_EQ(seteuid(1), 0);
+    }
+    EXPECT_GE(server(), 0);
+    EXPECT_EQ(log(),
+              records{error("Failed to set ipc socket group or permissions", "ipc.c", several_ids() ? EPERM : EINVAL)});
+    if (several_ids()) {
+        EXPECT_EQ(seteuid(0), 0);
+    }
+    peer();
+}
+
+TEST_F(ipc_test, one_server_follows_another)
+{
+    const int before = open_descriptors();
+    const int first = server();
+    const int second = server();
     const int handle = peer().second;
     const int third = server("other");
-    EXPECT_EQ(status_of("test").st_mode, 0U);
-    EXPECT_EQ(open_descriptors(), before + 1 + 2) << "one listener, two ends";
-    EXPECT_EQ(fcntl(third, F_GETFD) & fcntl(handle, F_GETFD), FD_CLOEXEC);
-    EXPECT_EQ(server("no/such/folder"), -1);
-    EXPECT_EQ(ipc_server_new("x", nullptr, by_default) + ipc_server_new(nullptr, base, by_default), -2);
-    const auto refused = [](int err) { return warning("cannot bind", "ipc.c", err); };
-    EXPECT_EQ(log(), (records{refused(ENOENT), refused(EINVAL), refused(EINVAL)}));
-    for (const int closed : {first, second, -1})
-        ipc_close(closed);
-    EXPECT_NE(status_of("other").st_mode, 0U) << "the one before stays";
+    EXPECT_EQ(status_of(socket_file("test")).st_mode, 0U) << "the file goes with the server";
+    EXPECT_EQ(open_descriptors(), before + 3) << "one listener, two ends";
+    EXPECT_EQ(fcntl(third, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(handle, F_GETFD), FD_CLOEXEC);
+    for (const int closed : {first, second, -1}) {
+        if (closed != third)
+            ipc_close(closed);
+    }
+    EXPECT_NE(status_of(socket_file("other")).st_mode, 0U);
     ipc_close(third);
+    EXPECT_EQ(status_of(socket_file("other")).st_mode, 0U);
     ipc_close(third);
-    EXPECT_EQ(status_of("other").st_mode, 0U);
     EXPECT_EQ(write_to(handle, "{}"), 0) << "accepted connections stay";
+}
 
+TEST_F(ipc_test, a_server_that_can_not_be)
+{
+    const auto refused = [](int err) { return records{warning("cannot bind", "ipc.c", err)}; };
+    const int open = server();
+    EXPECT_EQ(server("no/such/folder"), -1);
+    EXPECT_EQ(log(), refused(ENOENT));
+    EXPECT_EQ(ipc_server_new("x", nullptr, by_default), -1);
+    EXPECT_EQ(log(), refused(EINVAL));
+    EXPECT_EQ(ipc_server_new(nullptr, base, by_default), -1);
+    EXPECT_EQ(log(), refused(EINVAL));
     {
         const descriptor_limit none{0};
-        EXPECT_EQ(server(), -1);
-        EXPECT_EQ(log(), records{refused(EMFILE)});
+        EXPECT_EQ(server("none"), -1);
+        EXPECT_EQ(log(), refused(EMFILE));
     }
-    struct stat untouched {};
-    EXPECT_EQ(stat("/tmp/not_ours", &untouched), 0);
-    EXPECT_EQ(std::pair(untouched.st_mode, untouched.st_gid), std::pair(mode_t{S_IFREG | 0644}, getgid()));
+    peer(); // the one before stays
+    ipc_close(open);
+    EXPECT_EQ(status_of(socket_file("test")).st_mode, 0U);
 }
 
 TEST_F(ipc_test, without_descriptors_accepting_pauses)
@@ -611,71 +741,140 @@ TEST_F(ipc_test, five_hundred_clients_are_served)
 
 TEST_F(ipc_test, a_client_connects_or_leaves_nothing)
 {
-    for (const std::size_t length : {80U, 81U}) {
-        const std::string name(length, 'n');
-        server(name.c_str());
-        const int before = open_descriptors();
-        const int fd = ipc_client_new(name.c_str(), base, by_default);
-        EXPECT_EQ(fd >= 0, length == 80) << "the client's path has a character less than the server's";
-        records want{info("Connect client to " + ("/var/run/vandrel/ipc_" + name + ".sock").substr(0, 106), "ipc.c")};
-        if (fd >= 0)
-            EXPECT_EQ(std::pair(fcntl(fd, F_GETFD), fcntl(fd, F_GETFL) & O_NONBLOCK),
-                      std::pair(FD_CLOEXEC, O_NONBLOCK));
-        else
-            want.push_back(warning("connect", "ipc.c", ENOENT));
-        EXPECT_EQ(log(), want);
-        ipc_close(fd);
-        EXPECT_EQ(open_descriptors(), before) << "closed at once, not only as the loop runs";
+    const auto connecting = [](const std::string &name) {
+        return info("Connect client to " + socket_file(name).substr(0, 106), "ipc.c");
+    };
+    const std::string longest(80, 'n'), longer(81, 'n'); // the client's path has a character less than the server's
+    server(longest.c_str());
+    const int before = open_descriptors();
+    const int fd = ipc_client_new(longest.c_str(), base, by_default);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+    EXPECT_EQ(log(), records{connecting(longest)});
+    ipc_close(fd);
+    EXPECT_EQ(open_descriptors(), before) << "closed at once, not only as the loop runs";
+
+    server(longer.c_str());
+    EXPECT_EQ(ipc_client_new(longer.c_str(), base, by_default), -1);
+    EXPECT_EQ(log(), (records{connecting(longer), warning("connect", "ipc.c", ENOENT)}));
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(ipc_client_new(nullptr, base, by_default), -1);
+    EXPECT_EQ(log(), records{warning("connect", "ipc.c", EINVAL)});
+    EXPECT_EQ(ipc_client_new("x", nullptr, by_default), -1);
+    EXPECT_EQ(log(), records{warning("connect", "ipc.c", EINVAL)});
+}
+
+TEST_F(ipc_test, sigpipe_is_caught_where_nobody_else_handles_it)
+{
+    const sighandler_t own = [](int) {};
+    server();
+    for (const sighandler_t set : {own, SIG_IGN}) {
+        std::signal(SIGPIPE, set);
+        const process client{[] {
+            event_base *const own_base = event_base_new();
+            ipc_client_new("test", own_base, by_default);
+            struct sigaction now {};
+            sigaction(SIGPIPE, nullptr, &now);
+            return now.sa_handler == SIG_IGN ? 'i' : '-';
+        }};
+        char result = ' ';
+        EXPECT_TRUE(run_until([&] { return (result = client.result()) != ' '; }));
+        EXPECT_EQ(result, set == SIG_IGN ? 'i' : '-');
     }
-    struct sigaction action {};
-    sigaction(SIGPIPE, nullptr, &action);
-    EXPECT_TRUE(action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
-    EXPECT_EQ(ipc_client_new(nullptr, base, by_default) + ipc_client_new("x", nullptr, by_default), -2);
-    EXPECT_EQ(log(), (records{warning("connect", "ipc.c", EINVAL), warning("connect", "ipc.c", EINVAL)}));
+    EXPECT_TRUE(run_until([] { return std::count(heard.begin(), heard.end(), "default error -") == 2; }));
+    std::signal(SIGPIPE, own);
+    peer();
+    struct sigaction now {};
+    sigaction(SIGPIPE, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, own);
+}
+
+TEST_F(ipc_test, sigpipe_does_not_end_the_daemon)
+{
+    std::signal(SIGPIPE, SIG_DFL);
+    server();
+    peer();
+    struct sigaction now {};
+    sigaction(SIGPIPE, nullptr, &now);
+    EXPECT_NE(now.sa_handler, SIG_DFL);
+    EXPECT_NE(now.sa_handler, SIG_IGN) << "which the daemon's commands would inherit";
+}
+
+using descriptors = std::vector<int>;
+descriptors subscribers(const char *type)
+{
+    int room[50];
+    return descriptors(room, room + ipc_server_get_subscibers(room, type));
 }
 
 TEST_F(ipc_test, subscriptions)
 {
-    using fds = std::vector<int>;
-    const auto subscribers = [](const char *type) {
-        int room[50];
-        return fds(room, room + ipc_server_get_subscibers(room, type));
-    };
-    EXPECT_EQ(ipc_server_remove_subscriber(7) + ipc_server_remove_subscriber_typed("a", 7), 0);
+    EXPECT_EQ(ipc_server_remove_subscriber(7), 0);
+    EXPECT_EQ(ipc_server_remove_subscriber_typed("a", 7), 0);
     for (const auto &[type, fd] : {std::pair{"a", 7}, {"b", 7}, {"a", 8}, {"a", 7}})
         EXPECT_EQ(ipc_server_add_subscriber(type, fd), 0);
-    EXPECT_EQ(ipc_server_add_subscriber("a", -1) + ipc_server_add_subscriber(nullptr, 7), -2);
-    EXPECT_EQ(subscribers("a"), (fds{8, 7})) << "the renewed one is last";
-    EXPECT_EQ(ipc_server_get_subscibers(nullptr, "a") + ipc_server_remove_subscriber_typed(nullptr, -1), 0);
+    EXPECT_EQ(ipc_server_add_subscriber("a", -1), -1);
+    EXPECT_EQ(ipc_server_add_subscriber(nullptr, 7), -1);
+    EXPECT_EQ(subscribers("a"), (descriptors{8, 7})) << "the renewed one is last";
+    EXPECT_EQ(ipc_server_get_subscibers(nullptr, "a"), 0);
+    int untouched = 3;
+    EXPECT_EQ(ipc_server_get_subscibers(&untouched, nullptr), 0);
+    EXPECT_EQ(ipc_server_get_subscibers(&untouched, "none"), 0);
+    EXPECT_EQ(untouched, 3);
+    EXPECT_EQ(ipc_server_remove_subscriber_typed(nullptr, -1), 0);
     EXPECT_EQ(ipc_server_remove_subscriber(7), 2);
-    EXPECT_EQ(subscribers("a"), fds{8});
-    EXPECT_EQ(ipc_server_remove_subscriber_typed("b", 8) + ipc_server_remove_subscriber_typed("a", 8), 1);
-    for (int fd = 0; fd < 50; ++fd)
-        EXPECT_EQ(ipc_server_add_subscriber("full", fd), 0);
-    EXPECT_EQ(ipc_server_add_subscriber("full", 50) + ipc_server_add_subscriber("full", 3), -2);
-    EXPECT_EQ(subscribers("full").size(), 50U);
-    ipc_server_remove_all_subscribers(-1);
-    EXPECT_EQ(subscribers("full"), fds{});
+    EXPECT_EQ(subscribers("a"), descriptors{8});
+    EXPECT_EQ(ipc_server_remove_subscriber_typed("b", 8), 0);
+    EXPECT_EQ(ipc_server_remove_subscriber_typed("a", 8), 1);
+    EXPECT_EQ(ipc_server_remove_subscriber_typed("a", 8), 0);
+    EXPECT_EQ(log(), records{});
+}
 
+TEST_F(ipc_test, fifty_subscriptions)
+{
+    for (int fd = 0; fd < 50; ++fd)
+        EXPECT_EQ(ipc_server_add_subscriber(fd % 2 == 0 ? "even" : "odd", fd), 0);
+    EXPECT_EQ(ipc_server_add_subscriber("even", 50), -1);
+    EXPECT_EQ(ipc_server_add_subscriber("even", 0), -1) << "not even one that is held";
+    EXPECT_EQ(subscribers("even").size(), 25U);
+    EXPECT_EQ(subscribers("even").front(), 0);
+    EXPECT_EQ(ipc_server_remove_subscriber(1), 1);
+    EXPECT_EQ(ipc_server_add_subscriber("even", 50), 0);
+    ipc_server_remove_all_subscribers(-1);
+    EXPECT_EQ(subscribers("even"), descriptors{});
+    EXPECT_EQ(ipc_server_add_subscriber("even", 50), 0);
+}
+
+TEST_F(ipc_test, messages_to_subscribers)
+{
     server();
     const auto [fd, handle] = peer();
     const auto [other_fd, other] = peer();
     ipc_server_remove_all_subscribers(handle); // without a subscription it stays
-    for (const int to : {handle, 54321, other})
+    for (const int to : {handle, 54321, other, 54322})
         EXPECT_EQ(ipc_server_add_subscriber("news", to), 0);
     EXPECT_EQ(ipc_server_add_subscriber("more", handle), 0);
-    const auto publish = [](json_object *object) { return ipc_server_write_to_subscribers("news", object); };
+    const auto publish = [](json_object *object) {
+        return errno = EBADF, ipc_server_write_to_subscribers("news", object);
+    };
+    const auto missing = [](int to) {
+        return warning("ERROR, no bufferevent found for fd " + std::to_string(to), "ipc.c", EBADF);
+    };
     for (const std::size_t size : {10U, 100'000U}) {
-        EXPECT_EQ(with_json(text_of(size), publish), 1);
+        EXPECT_EQ(with_json(text_of(size), publish), 2);
+        EXPECT_EQ(log(), (records{missing(54321), missing(54322)}));
         for (const int to : {fd, other_fd})
             EXPECT_EQ(receive(to, size + 5), frame(text_of(size) + '\0'));
-        EXPECT_EQ(log().size(), 1U);
     }
-    EXPECT_EQ(ipc_server_write_to_subscribers("none", nullptr) + ipc_server_write_to_subscribers(nullptr, nullptr), 0);
+    EXPECT_EQ(ipc_server_write_to_subscribers("none", nullptr), 0);
+    EXPECT_EQ(ipc_server_write_to_subscribers(nullptr, nullptr), 0);
     ipc_server_remove_all_subscribers(handle);
-    EXPECT_TRUE(is_closed(fd) && !is_closed(other_fd));
-    EXPECT_EQ(subscribers("news"), (fds{54321, other}));
-    EXPECT_EQ(subscribers("more"), fds{});
+    EXPECT_TRUE(is_closed(fd));
+    EXPECT_FALSE(is_closed(other_fd));
+    EXPECT_EQ(subscribers("news"), (descriptors{54321, other, 54322}));
+    EXPECT_EQ(subscribers("more"), descriptors{});
+    ipc_server_remove_all_subscribers(-1);
+    EXPECT_EQ(write_to(other, "{}"), 0) << "no connection is touched";
 }
 
 TEST_F(ipc_test, a_crowd_gets_its_answers_past_a_peer_that_does_not_read)
@@ -709,10 +908,40 @@ TEST_F(ipc_test, a_crowd_gets_its_answers_past_a_peer_that_does_not_read)
         }
     };
     round(); // what grows with the highest descriptor has its size from here on
-    const auto [memory, descriptors] = std::pair{__sanitizer_get_current_allocated_bytes(), open_descriptors()};
+    const auto [memory, opened] = std::pair{__sanitizer_get_current_allocated_bytes(), open_descriptors()};
     round();
-    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), opened);
     EXPECT_LE(__sanitizer_get_current_allocated_bytes(), memory + 16'000); // 32 bytes for each connection
+}
+
+TEST_F(ipc_test, a_frame_is_queued_whole_or_refused_without_memory)
+{
+    server();
+    const struct {
+        const char *library;
+        std::size_t size;
+        int refusals; // of its allocations, one at a time
+    } cases[] = {{"libjson-c.so", 20'000, 2}, {"libevent_core", 20'000, 1}, {"libevent_core", 10, 1}};
+    for (const auto &[library, size, refusals] : cases) {
+        for (int n = 1; n <= refusals; ++n) {
+            const auto [fd, handle] = peer();
+            json_object *object = json_tokener_parse(text_of(size).c_str());
+            testing::internal::CaptureStderr();
+            int result = 0, reason = 0;
+            {
+                const allocation_refusal refuse{n, library};
+                result = ipc_write(handle, object);
+                reason = errno;
+                EXPECT_TRUE(refuse.happened()) << library << n;
+            }
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), "write: Cannot allocate memory\n") << library << n;
+            EXPECT_EQ(result, -1) << library << n;
+            EXPECT_EQ(reason, ENOMEM) << library << n;
+            json_object_put(object);
+            EXPECT_EQ(write_to(handle, "[]"), 0);
+            EXPECT_EQ(receive(fd, 8), frame("[ ]\0"s)) << library << n;
+        }
+    }
 }
 
 TEST_F(ipc_test, refused_memory_leaves_the_bus_working)
@@ -726,19 +955,25 @@ TEST_F(ipc_test, refused_memory_leaves_the_bus_working)
     for (int n = 1; refused; ++n) {
         const int before = open_descriptors();
         arrived = 0;
-        int fd = -1, failures = 0;
+        int fd = -1, subscribed = 0, news_subscribed = 0, unreached = 0;
         with_json(news, [&](json_object *object) {
             const allocation_refusal refuse{n};
             fd = ipc_client_new("test", base, count);
             ipc_register_callback("a name too long to be stored without an allocation", nullptr);
-            failures += ipc_server_add_subscriber("a type too long to be stored without an allocation", fd) != 0;
-            failures += ipc_server_add_subscriber("news", fd) != 0;
+            subscribed = ipc_server_add_subscriber("a type too long to be stored without an allocation", fd);
+            news_subscribed = ipc_server_add_subscriber("news", fd);
             run();
-            failures += ipc_server_write_to_subscribers("news", object);
+            unreached = ipc_server_write_to_subscribers("news", object);
             run();
             return refused = refuse.happened();
         });
-        EXPECT_TRUE(refused || (fd >= 0 && failures == 0 && arrived == 1)) << n;
+        if (!refused) {
+            EXPECT_GE(fd, 0);
+            EXPECT_EQ(subscribed, 0);
+            EXPECT_EQ(news_subscribed, 0);
+            EXPECT_EQ(unreached, 0);
+            EXPECT_EQ(arrived, 1);
+        }
         ipc_server_remove_all_subscribers(-1);
         ipc_deregister_all_callbacks(nullptr);
         ipc_close(fd);
