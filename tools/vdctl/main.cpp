@@ -65,6 +65,11 @@ const option *option_with(char letter)
     return found == options.end() ? nullptr : &*found;
 }
 
+std::string long_name(std::string_view name)
+{
+    return std::string{"--"}.append(name);
+}
+
 /// Takes the words of the command line apart, in whatever order options and other words come.
 class command_line {
 public:
@@ -109,8 +114,7 @@ private:
         const option *o = option_named(name);
         if (!o) {
             const char *near = nearest(name, options, [](const option &row) { return row.name; });
-            throw misuse{"no option " +
-                         meant("--" + std::string{name}, near ? ("--" + std::string{near}).c_str() : nullptr)};
+            throw misuse{"no option " + meant(long_name(name), near ? long_name(near).c_str() : nullptr)};
         }
         if (equals != word.npos && !o->value)
             throw misuse{"--" + text::of(o->name) + " takes no value"};
@@ -122,7 +126,7 @@ private:
         for (std::size_t i = 1; i < word.size(); ++i) {
             const option *o = option_with(word[i]);
             if (!o)
-                throw misuse{"no option " + quoted("-" + std::string{word.substr(i, 1)})};
+                throw misuse{"no option " + quoted(std::string{'-', word[i]})};
             const char *rest = i + 1 < word.size() ? word.data() + i + 1 : nullptr;
             take(*o, rest, text::of(std::string{'-', o->letter}));
             if (o->value)
@@ -142,7 +146,7 @@ std::string joined(std::span<const char *const> words)
 {
     std::string line;
     for (const char *word : words)
-        line += (line.empty() ? "" : " ") + std::string{word};
+        line.append(line.empty() ? "" : " ").append(word);
     return line;
 }
 

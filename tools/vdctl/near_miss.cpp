@@ -16,6 +16,12 @@ constexpr std::size_t most_near_misses = 3;
 constexpr uint32_t farthest = 256;         // an end of a range is moved by that at most
 constexpr uint64_t farthest_hint = 0xFFFF; // a network or MAC range away
 
+/// The value of an edit.
+std::string json_of(std::string_view word)
+{
+    return std::string{'"'}.append(word).append("\"");
+}
+
 text in_zone(const zone_entry &zone)
 {
     return " of zone " + text::of(zone.key);
@@ -93,7 +99,7 @@ private:
                                                     : ZONE_DIRECTION_OUT;
         static constexpr const char *names[] = {"in", "out", "both"};
         const text is = has_direction ? " is " + quoted(names[member.record->direction]) : text{" has no direction"};
-        try_member_edit(zone, member, "direction", "\"" + std::string{names[wanted]} + "\"",
+        try_member_edit(zone, member, "direction", json_of(names[wanted]),
                         described(member) + in_zone(zone) + is + ", not " + quoted(names[wanted]),
                         [&](member_entry &edited) { edited.record->direction = wanted; });
     }
@@ -146,7 +152,7 @@ private:
             if (away == 0 || away > farthest || (!is_above && !member.has_end))
                 continue; // without an end, another start would be the only address
             try_member_edit(
-                zone, member, is_above ? "address_end" : "address_start", "\"" + ip_text(what_.ip) + "\"",
+                zone, member, is_above ? "address_end" : "address_start", json_of(ip_text(what_.ip)),
                 text{away} + (is_above ? text{" above "} : text{" below "}) + described(member) + in_zone(zone),
                 [&](member_entry &edited) { (is_above ? edited.record->end : edited.record->start).ip = what_.ip; });
         }

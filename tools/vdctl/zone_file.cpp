@@ -31,7 +31,7 @@ const char *text_of(json_object *value)
 /// A key as json-c decodes it; written is what stands in the file, quotes included.
 std::string decoded_key(std::string_view written)
 {
-    const std::string object = "{" + std::string{written} + ":0}";
+    const std::string object = std::string{'{'}.append(written).append(":0}");
     const tokener_handle tokener{json_tokener_new()};
     if (!tokener)
         throw std::bad_alloc{};
