@@ -58,7 +58,8 @@ std::string by_descriptor(const unique_fd &fd)
     return "/proc/self/fd/" + std::to_string(fd.get());
 }
 
-/// A tmpfs on the folder holds the copy. Where there is a live file, the folder then comes back on top, so that all
+/// A tmpfs on the folder holds the copy. (The folder is not bound with what is mounted on it, or the tmpfs would come
+/// along and cover it again.) Where there is a live file, the folder then comes back on top, so that all
 /// its other files are there, and only the copy stands on its zone file.
 void make_place(const std::string &name)
 {
@@ -73,8 +74,7 @@ void make_place(const std::string &name)
     check(static_cast<bool>(place.copy), name, "the copy");
     if (!is_live)
         return;
-    check(mount(by_descriptor(folder).c_str(), live_folder, nullptr, MS_BIND | MS_REC, nullptr) == 0, name,
-          "the folder on top");
+    check(mount(by_descriptor(folder).c_str(), live_folder, nullptr, MS_BIND, nullptr) == 0, name, "the folder on top");
     check(mount(by_descriptor(place.copy).c_str(), live_file, nullptr, MS_BIND, nullptr) == 0, name,
           "the copy on the live file");
 }

@@ -1,7 +1,7 @@
 // zones diff: what another file would allow more and less than the live one, schedules aside.
 #include "candidate.hpp"
+#include "changes.hpp"
 #include "command.hpp"
-#include "reach.hpp"
 #include "show.hpp"
 
 #include <algorithm>
@@ -93,34 +93,6 @@ extents without(const extents &all, const extents &others)
     return result;
 }
 
-struct change {
-    std::string peer;
-    bool is_gained;
-    extent what;
-};
-
-std::vector<change> changes_between(const matrix &before, const matrix &after)
-{
-    const rows_by_peer old_rows{before}, new_rows{after};
-    std::vector<change> changes;
-    const auto compare = [&](const std::string &peer) {
-        const extents had = old_rows.of(peer), has = new_rows.of(peer);
-        for (extent &lost : without(had, has))
-            changes.push_back({peer, false, std::move(lost)});
-        for (extent &gained : without(has, had))
-            changes.push_back({peer, true, std::move(gained)});
-    };
-    for (const reach_row &row : before.rows())
-        std::ranges::for_each(row.peers, compare);
-    for (const reach_row &row : after.rows()) {
-        for (const std::string &peer : row.peers) {
-            if (!old_rows.has(peer))
-                compare(peer);
-        }
-    }
-    return changes;
-}
-
 json_object *json_of(const std::vector<change> &changes, bool is_gained)
 {
     json_object *list = json_object_new_array();
@@ -157,6 +129,28 @@ void print_changes(const std::vector<change> &changes)
 }
 
 } // namespace
+
+std::vector<change> changes_between(const matrix &before, const matrix &after)
+{
+    const rows_by_peer old_rows{before}, new_rows{after};
+    std::vector<change> changes;
+    const auto compare = [&](const std::string &peer) {
+        const extents had = old_rows.of(peer), has = new_rows.of(peer);
+        for (extent &lost : without(had, has))
+            changes.push_back({peer, false, std::move(lost)});
+        for (extent &gained : without(has, had))
+            changes.push_back({peer, true, std::move(gained)});
+    };
+    for (const reach_row &row : before.rows())
+        std::ranges::for_each(row.peers, compare);
+    for (const reach_row &row : after.rows()) {
+        for (const std::string &peer : row.peers) {
+            if (!old_rows.has(peer))
+                compare(peer);
+        }
+    }
+    return changes;
+}
 
 int zones_diff(const invocation &given)
 {

@@ -137,13 +137,14 @@ void warn_of_failed_load(const zone_document &document, const zone_reading &zone
 
 zone_reading load(bool needs_schedule)
 {
-    const zone_text file = read_zone_text(live_file);
+    zones_free(); // a load that fails would keep the file before, and go on answering from it
+    const bool is_complete = zones_load() != 0, is_usable = has_model();
+    const zone_text file = read_zone_text(live_file); // only now: two documents at once would double the memory
     if (needs_schedule && file.mtime && *file.mtime <= 0)
         throw failure{text::of(live_name()) +
                       ": its time stamp is 0 or before, so no schedule ever counts; -n leaves them alone"};
     const zone_document document = parse(file);
-    const bool is_complete = zones_load() != 0;
-    if (!has_model())
+    if (!is_usable)
         refuse_file(document);
     zone_reading zones = read_zones(document);
     if (!is_complete)

@@ -19,8 +19,10 @@ public:
             if (style().json) {
                 const json_handle object{json_of(reached, is_asked)};
                 ready_.push_back(json_text(object.get()));
-            } else {
+            } else if (style().terminal) {
                 cells_.push_back(cells_of(reached, is_asked));
+            } else {
+                ready_.push_back(tabbed(cells_of(reached, is_asked)));
             }
         }
     }
@@ -43,16 +45,22 @@ public:
         print_raw("]}\n");
     }
 
-    /// A line by peer and extent; on a terminal a table by row, below its peers.
+    /// On a terminal a table by row, below its peers; otherwise a line by peer and extent.
     void print_text(bool has_peers) const
     {
-        for (std::size_t i = 0; i < shown_.rows().size(); ++i) {
-            const reach_row &row = shown_.rows()[i];
-            if (has_peers && style().terminal)
-                print_raw((i ? "\n" : "") + joined(row.peers).str() + ":\n");
-            const bool is_by_peer = has_peers && !style().terminal;
-            for (std::size_t peer = 0; peer < (is_by_peer ? row.peers.size() : 1); ++peer)
-                print_rows(row, is_by_peer ? text::of(row.peers[peer]) : text{});
+        const char *separator = "";
+        for (const reach_row &row : shown_.rows()) {
+            if (!style().terminal) {
+                print_lines(row, has_peers);
+                continue;
+            }
+            if (has_peers)
+                print_raw(separator + joined(row.peers).str() + ":\n");
+            separator = "\n";
+            table shown{{"TYPE", "TARGET", "NOW", "ZONE"}};
+            for (const uint32_t index : row.reached)
+                shown.add(cells_[index]);
+            shown.print();
         }
     }
 
@@ -65,20 +73,19 @@ private:
         return line;
     }
 
-    void print_rows(const reach_row &row, const text &peer) const
+    void print_lines(const reach_row &row, bool has_peers) const
     {
-        table shown{{"TYPE", "TARGET", "NOW", "ZONE"}};
-        for (const uint32_t index : row.reached) {
-            std::vector<text> cells = cells_[index];
-            if (!peer.empty())
-                cells.insert(cells.begin(), peer);
-            shown.add(std::move(cells));
+        for (const std::string &peer : row.peers) {
+            const std::string begin = has_peers ? tabbed_cell(text::of(peer)) : "";
+            for (const uint32_t index : row.reached) {
+                print_raw(begin);
+                print_raw(ready_[index]);
+            }
         }
-        shown.print();
     }
 
     const matrix &shown_;
-    std::vector<std::string> ready_;
+    std::vector<std::string> ready_; // JSON, or the end of a line
     std::vector<std::vector<text>> cells_;
 };
 

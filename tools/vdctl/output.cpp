@@ -94,15 +94,6 @@ std::string padded(const std::vector<text> &row, const std::vector<std::size_t> 
     return line + '\n';
 }
 
-std::string tabbed(const std::vector<text> &row)
-{
-    std::string line;
-    for (const text &cell : row)
-        line += (cell.empty() ? "-" : cell.str()) + '\t';
-    line.back() = '\n';
-    return line;
-}
-
 } // namespace
 
 std::string escaped(std::string_view from_outside, escape_as form)
@@ -222,6 +213,20 @@ void error(const text &reason)
 {
     std::fflush(stdout);
     std::fprintf(stderr, "vdctl: %s\n", reason.str().c_str());
+}
+
+std::string tabbed_cell(const text &cell)
+{
+    return (cell.empty() ? "-" : cell.str()) + '\t';
+}
+
+std::string tabbed(const std::vector<text> &row)
+{
+    std::string line;
+    for (const text &cell : row)
+        line += tabbed_cell(cell);
+    line.back() = '\n';
+    return line;
 }
 
 void table::add(std::vector<text> row)

@@ -89,6 +89,10 @@ private:
     std::vector<std::vector<text>> rows_;
 };
 
+/// A row as it stands in a pipe, and one cell of it.
+std::string tabbed(const std::vector<text> &row);
+std::string tabbed_cell(const text &cell);
+
 /// How many letters must be changed, added or left out; those that change places count as two.
 std::size_t letters_between(std::string_view a, std::string_view b);
 

@@ -4,8 +4,8 @@
 
 namespace vdctl {
 
-inline constexpr char page_style_hash[] = "sha256-5D6aQdro5PdEaF5TzApJrH2uvrjvli5lpjVODq/79Ic=";
-inline constexpr char page_script_hash[] = "sha256-kv99/TBhd41OnW/d4/gXKJYUohMPGfSBJEvPmk73Th8=";
+inline constexpr char page_style_hash[] = "sha256-i8/HrYWM8G3+PDKm3ID0KR75vRXPrNmln1TpeG6fSFg=";
+inline constexpr char page_script_hash[] = "sha256-Vz9i7jbTDSDyIIlMUH7lnSAx4O8zGiA33BP7UgZvKAM=";
 
 inline constexpr char page_style[] = R"css(
 :root { color-scheme: light dark; --line: #8884; --open: #0a7a3d; --closed: #b3261e; }
@@ -29,6 +29,12 @@ th:nth-child(3), td:nth-child(3) { width: 7rem; white-space: nowrap; }
 th:last-child, td:last-child { width: 30%; }
 td.open { color: var(--open); }
 td.closed { color: var(--closed); font-weight: bold; }
+@media (max-width: 40rem) {
+    table { font-size: .85rem; }
+    th:first-child, td:first-child { width: 3rem; }
+    th:nth-child(3), td:nth-child(3) { width: 5.5rem; }
+    th:last-child, td:last-child { width: 5rem; }
+}
 button { font: inherit; padding: .4rem 1rem; margin: .5rem 0; }
 )css";
 
@@ -37,7 +43,7 @@ inline constexpr char page_script[] = R"js(
 const data = JSON.parse(document.getElementById('data').textContent);
 const peerField = document.getElementById('peer'), targetField = document.getElementById('target');
 const list = document.getElementById('rows'), count = document.getElementById('count');
-const cardsAtOnce = 50, linesAtOnce = 200, openAtOnce = 500;
+const cardsAtOnce = 50, linesAtOnce = 200, openAtOnce = 500, namesAtOnce = 6;
 const states = {open: '\u25cf open', closed: '\u25cb closed', 'not asked': '\u25cc not asked'};
 
 function add(parent, name, text, className) {
@@ -68,7 +74,7 @@ function more(parent, left, what, show) {
 }
 
 function fill(card, row, extents) {
-    if (row.p.length > 1) add(card, 'p', row.p.join(', '));
+    if (row.p.length > namesAtOnce) add(card, 'p', row.p.join(', '));
     if (!row.x) add(card, 'p', 'A netmask here has gaps: other addresses of its network may be in another state.');
     const table = add(card, 'table'), head = add(add(table, 'thead'), 'tr'), body = add(table, 'tbody');
     for (const title of ['Type', 'Target', 'Now', 'Zone:line']) add(head, 'th', title).scope = 'col';
@@ -88,7 +94,8 @@ function fill(card, row, extents) {
 
 function addCard({row, extents}, isOpen) {
     const card = add(list, 'details'), closed = extents.filter(extent => extent[2] === 'closed').length;
-    const names = row.p.slice(0, 6).join(', ') + (row.p.length > 6 ? ' and ' + (row.p.length - 6) + ' more' : '');
+    const names = row.p.slice(0, namesAtOnce).join(', ') +
+        (row.p.length > namesAtOnce ? ' and ' + (row.p.length - namesAtOnce) + ' more' : '');
     const summary = add(card, 'summary', names);
     add(summary, 'span', extents.length + ' targets' + (closed ? ', ' + closed + ' closed' : ''));
     card.addEventListener('toggle', () => fill(card, row, extents), {once: true});
@@ -108,7 +115,7 @@ function update() {
         found.push({row, extents});
     }
     const peers = found.reduce((sum, {row}) => sum + row.p.length, 0);
-    count.textContent = peers + ' peers in ' + found.length + ' rows of their own, ' + lines + ' targets';
+    count.textContent = peers + ' peers, ' + lines + ' targets; peers that reach the same share a row';
     list.textContent = '';
     const show = from => {
         for (const one of found.slice(from, from + cardsAtOnce)) addCard(one, lines <= openAtOnce);
