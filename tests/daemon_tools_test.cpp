@@ -96,6 +96,12 @@ protected:
     }
     ~daemon_tools_test() override { end(); }
 
+    void SetUp() override
+    {
+        if (is_emulated())
+            GTEST_SKIP() << "qemu-user has neither a child subreaper nor seccomp";
+    }
+
     /// Gives the process that the call returned in, once all before it have ended; it is called "RESULT,SECUREBITS" and
     /// takes the last step when it is ended with SIGCONT.
     pid_t start(const daemonize_options *options, const step &before, const step &last = nothing)

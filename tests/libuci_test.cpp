@@ -41,7 +41,7 @@ namespace {
 /// What the replay tool tells of a file of cases.
 std::string replay(const std::string &name)
 {
-    const std::string tool = host_path(BINARY_DIR) + "/compat/libuci/replay/libuci_replay ";
+    const std::string tool = built_program("compat/libuci/replay/libuci_replay ");
     const std::string cases = host_path(SOURCE_DIR) + "/compat/libuci/replay/" + name;
     EXPECT_EQ(std::system((tool + cases + " >/told").c_str()), 0);
     return read_file("/told");

@@ -125,7 +125,8 @@ TEST_F(zones_property, answers_as_the_plain_walk_does)
         SCOPED_TRACE("seed " + std::to_string(seed));
         generated made{seed};
         write_file("/etc/vandrel/zones.json", made.text);
-        const timespec times[2] = {{seed, 0}, {seed, 0}};
+        const auto second = static_cast<time_t>(seed);
+        const timespec times[2] = {{second, 0}, {second, 0}};
         ASSERT_EQ(utimensat(AT_FDCWD, "/etc/vandrel/zones.json", times, 0), 0);
         if (seed % 4 == 0) { // every other zone is closed
             for (plain_zone &zone : made.zones)

@@ -11,12 +11,12 @@
 #include <functional>
 #include <utility>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/fsuid.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -44,7 +44,8 @@ void *mmap(void *at, size_t size, int access, int flags, int fd, off_t offset)
 {
     if (mappings_left >= 0 && mappings_left-- == 0)
         return errno = ENOMEM, MAP_FAILED;
-    return reinterpret_cast<void *>(syscall(SYS_mmap, at, size, access, flags, fd, offset));
+    static const auto next = reinterpret_cast<decltype(&mmap)>(dlsym(RTLD_NEXT, "mmap64")); // syscall differs on s390x
+    return next(at, size, access, flags, fd, offset);
 }
 }                                    // clang-format on
 #pragma GCC visibility pop

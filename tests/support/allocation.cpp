@@ -1,6 +1,6 @@
 // Refuses one allocation of a library. The program's own malloc and its like stand before the C library's; they pass
-// every call on to the sanitizer's, except the one to be refused. Only calls made from the library's own code count,
-// and operator new also from libstdc++, which allocates on its behalf.
+// every call on to AddressSanitizer's or, without it, to the C library's, except the one to be refused. Only calls made
+// from the library's own code count, and operator new also from libstdc++, which allocates on its behalf.
 #include "device_test.hpp"
 
 #include <cerrno>
@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <new>
 
+#include <dlfcn.h>
 #include <link.h>
+#include <malloc.h>
 
 namespace {
 
@@ -58,11 +60,21 @@ bool is_refused(const void *caller, bool may_be_runtime = false)
 } // namespace
 
 #define CALLER __builtin_extract_return_addr(__builtin_return_address(0))
+#ifdef WITH_ADDRESS_SANITIZER
+#define NEXT(function) __interceptor_##function
+#else
+#define NEXT(function) reinterpret_cast<decltype(&(function))>(dlsym(RTLD_NEXT, #function))
+#endif
 #define REFUSABLE(result, function, parameters, arguments, failure) \
     result __interceptor_##function parameters; \
+    static result next_##function parameters \
+    { \
+        static result(*const next) parameters = NEXT(function); \
+        return next arguments; \
+    } \
     result function parameters \
     { \
-        return is_refused(CALLER) ? failure : __interceptor_##function arguments; \
+        return is_refused(CALLER) ? failure : next_##function arguments; \
     }
 
 #pragma GCC visibility push(default) // a hidden one would not stand before the C library's
@@ -74,6 +86,14 @@ REFUSABLE(char *, strdup, (const char *text), (text), nullptr)
 REFUSABLE(char *, strndup, (const char *text, std::size_t size), (text, size), nullptr)
 REFUSABLE(int, vasprintf, (char **text, const char *format, va_list args), (text, format, args), -1)
 
+#ifndef WITH_ADDRESS_SANITIZER
+std::size_t __sanitizer_get_current_allocated_bytes()
+{
+    const auto info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+#endif
+
 const char *__asan_default_options()
 {
     return "alloc_dealloc_mismatch=0"; // the operator below takes its block from malloc
@@ -83,7 +103,7 @@ const char *__asan_default_options()
 
 void *operator new(std::size_t size)
 {
-    void *block = is_refused(CALLER, true) ? nullptr : __interceptor_malloc(size);
+    void *block = is_refused(CALLER, true) ? nullptr : next_malloc(size);
     return block ? block : throw std::bad_alloc{};
 }
 

@@ -130,6 +130,16 @@ int open_descriptors()
     return static_cast<int>(std::distance(begin(listing), end(listing))) - 1;
 }
 
+std::string built_program(const std::string &path_in_build_tree)
+{
+    return TEST_MACHINE " " + host_path(BINARY_DIR) + "/" + path_in_build_tree;
+}
+
+bool is_emulated()
+{
+    return std::string_view{TEST_MACHINE}.starts_with("qemu");
+}
+
 interruptions::interruptions()
 {
     struct sigaction handling {};

@@ -49,6 +49,12 @@ void write_script(const std::string &path, std::string_view content);
 std::string read_file(const std::string &path); // empty when there is none
 int open_descriptors();                         // how many the process has
 
+/// The command that runs a program of the build tree here, whatever machine it is for.
+std::string built_program(const std::string &path_in_build_tree);
+
+/// Whether the tests run under qemu-user, which lacks some of the kernel's calls and answers others itself.
+bool is_emulated();
+
 /// While it lives, a signal whose handler lacks SA_RESTART arrives every few milliseconds.
 class interruptions {
 public:
