@@ -1,0 +1,6 @@
+// libstdc++'s, without what it found in glibc.
+#pragma once
+#include_next <bits/c++config.h>
+#undef _GLIBCXX_USE_PTHREAD_COND_CLOCKWAIT
+#undef _GLIBCXX_USE_PTHREAD_MUTEX_CLOCKLOCK
+#undef _GLIBCXX_USE_PTHREAD_RWLOCK_CLOCKLOCK
