@@ -39,7 +39,6 @@ constexpr const char *default_lan_ifnames[] = {"br-lan", "eth0"};
 
 constexpr int route_table_lines = 6; // the header and five routes
 constexpr std::size_t route_line_size = 129;
-constexpr std::size_t shortest_route_line = 10;
 constexpr char no_address[] = "00000000"; // of a destination or gateway
 
 /// Where netinfo_get_my_lan_ip looks, once lan_networks has given names: they point into its text, which is kept.
@@ -199,8 +198,8 @@ int netinfo_get_default_route(char *ifname, uint32_t *gateway)
         return 0;
     char line[route_line_size];
     for (int number = 0; number < route_table_lines && std::fgets(line, sizeof line, table.get()); ++number) {
-        const bool skipped = number == 0 || std::strlen(line) < shortest_route_line;
-        if (!skipped && parse_default_route(line, ifname, gateway))
+        const bool is_header = number == 0;
+        if (!is_header && parse_default_route(line, ifname, gateway))
             return 1;
     }
     return 0;

@@ -112,25 +112,24 @@ TEST_F(route, the_default_route_is_among_the_first_five)
     const std::string other = "eth9\t0001A8C0\t0101A8C0\t3\t0\n", fields = "\t00000000\t0101A8C0\t3\t0\n";
     const std::string address = ip_format_s(ntohl(0x0101A8C0)); // the kernel's number is this machine's
     const std::string wide(128, ' ');                           // a line of its own
-    const std::string tables[][2] = {
-        {"eth0" + fields, "1 eth0#" + address},
-        {other + other + other + other + "eth2" + fields, "1 eth2#" + address},
-        {other + other + other + other + other + "eth2" + fields, none},
-        {other + other + other + wide + "eth2" + fields, "1 eth2#" + address},
-        {other + other + other + other + wide + "eth0" + fields, none},
-        {"eth1\t00000000\t0101A8C0\t3\t0\neth2" + fields, "1 eth1#" + address},
-        {"\t\teth1\t" + fields, "1 eth1#" + address}, // empty fields do not count
-        {"123456789" + fields, "1 123456789#" + address},
-        {"e\t0\t\t\t\t\n" + std::string{"eth1"} + fields, "1 eth1#" + address}, // nine characters are no route
-        {"eth0\t00000000\neth1" + fields, "1 eth1#" + address},
-        {"eth0\t00000001\t0101A8C0\t3\n", none},
-        {"eth0\t0000000\t0101A8C0\t3\n", none},
-        {"eth0\t00000000\t00000000\t3\n", none},
-        {"eth0\t00000000\tzz\n", none}, // no flags
-        {"eth0\t00000000\tzzzzzzzz\t3\n", "1 eth0#0.0.0.0"},
-        {"fifteen-letters" + fields, "1 fifteen-letters#" + address},
-        {"sixteen-letters-" + fields, "1 #" + address},
-        {"", none}};
+    const std::string tables[][2] = {{"eth0" + fields, "1 eth0#" + address},
+                                     {other + other + other + other + "eth2" + fields, "1 eth2#" + address},
+                                     {other + other + other + other + other + "eth2" + fields, none},
+                                     {other + other + other + wide + "eth2" + fields, "1 eth2#" + address},
+                                     {other + other + other + other + wide + "eth0" + fields, none},
+                                     {"eth1\t00000000\t0101A8C0\t3\t0\neth2" + fields, "1 eth1#" + address},
+                                     {"\t\teth1\t" + fields, "1 eth1#" + address}, // empty fields do not count
+                                     {"123456789" + fields, "1 123456789#" + address},
+                                     {"e\t0\t\t\t\t\n" + std::string{"eth1"} + fields, "1 eth1#" + address},
+                                     {"eth0\t00000000\neth1" + fields, "1 eth1#" + address},
+                                     {"eth0\t00000001\t0101A8C0\t3\n", none},
+                                     {"eth0\t0000000\t0101A8C0\t3\n", none},
+                                     {"eth0\t00000000\t00000000\t3\n", none},
+                                     {"eth0\t00000000\tzz\n", none}, // no flags
+                                     {"eth0\t00000000\tzzzzzzzz\t3\n", "1 eth0#0.0.0.0"},
+                                     {"fifteen-letters" + fields, "1 fifteen-letters#" + address},
+                                     {"sixteen-letters-" + fields, "1 #" + address},
+                                     {"", none}};
     replace_table();
     EXPECT_EQ(find(), none); // without a table
     for (const auto &[routes, want] : tables) {
