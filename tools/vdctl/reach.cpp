@@ -153,23 +153,30 @@ private:
     const std::vector<source> &sources_;
 };
 
+/// Mixes a value into a hash, with 2^64 divided by the golden ratio, which spreads every bit upwards.
+uint64_t mixed(uint64_t hash, uint64_t value)
+{
+    hash = (hash ^ value) * 0x9E3779B97F4A7C15;
+    return hash ^ hash >> 32;
+}
+
 std::size_t hash_of(const extent &reached)
 {
-    std::size_t hash = std::hash<std::string_view>{}(reached.name);
+    uint64_t hash = std::hash<std::string_view>{}(reached.name);
     for (const uint64_t part :
-         {static_cast<uint64_t>(reached.type), reached.start, reached.end, static_cast<uint64_t>(reached.is_open)})
-        hash = hash * 31 + std::hash<uint64_t>{}(part);
+         {static_cast<uint64_t>(reached.type) << 1 | (reached.is_open ? 1U : 0U), reached.start, reached.end})
+        hash = mixed(hash, part);
     for (const source &from : reached.members)
-        hash = hash * 31 + std::hash<const void *>{}(from.member);
-    return hash;
+        hash = mixed(hash, std::hash<const void *>{}(from.member));
+    return static_cast<std::size_t>(hash);
 }
 
 std::size_t hash_of(const std::vector<uint32_t> &row)
 {
-    std::size_t hash = row.size();
+    uint64_t hash = row.size();
     for (const uint32_t index : row)
-        hash = hash * 1000003 + index;
-    return hash;
+        hash = mixed(hash, index);
+    return static_cast<std::size_t>(hash);
 }
 
 } // namespace
