@@ -147,6 +147,7 @@ TEST_F(vdctl_test, prints_what_the_documents_show)
     write_file("/tmp/new.json", part_of("/docs/vdctl.md", "```json\n", "```"));
     EXPECT_GE(compare_console_blocks("/docs/vdctl.md"), 10);
     EXPECT_GE(compare_console_blocks("/docs/troubleshooting.md"), 3);
+    EXPECT_GE(compare_console_blocks("/README.md"), 1);
 }
 
 TEST_F(vdctl_test, refuses_wrong_usage_with_the_nearest_word)
