@@ -86,6 +86,11 @@ int access_mode(pid_t pid, int fd)
     return std::stoi(all.substr(all.find("flags:") + 6), nullptr, 8) & O_ACCMODE;
 }
 
+bool is_only_child(pid_t pid)
+{
+    return read_file("/proc/thread-self/children") == std::to_string(pid) + " ";
+}
+
 class daemon_tools_test : public device_test {
 protected:
     daemon_tools_test()
@@ -117,8 +122,11 @@ protected:
             _exit(0);
         }
         forks = 0;
-        pid_t pid;
-        for (int state; (pid = waitpid(-1, &state, WUNTRACED | (pid_ ? WNOHANG : 0))) > 0;) {
+        while (!is_only_child(pid_)) { // the process itself may stop before the last of its parents has ended
+            int state = 0;
+            const pid_t pid = waitpid(-1, &state, WUNTRACED);
+            if (pid < 0)
+                break;
             pid_ = WIFSTOPPED(state) ? pid : pid_;
             forks += state == 0;
         }
