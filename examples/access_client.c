@@ -4,8 +4,9 @@
  *     access_client [-n NAME] ip|port|mac|peer COMMON_NAME TARGET       prints yes, no, or "yes, but not now"
  *     access_client [-n NAME] members COMMON_NAME in|out|both           prints a member per line
  *     access_client [-n NAME] listen COUNT                              prints "subscribed", then COUNT notices
+ *     access_client [-n NAME] call TYPE DATA                            prints what comes back, from any daemon
  *
- * Exit status: 0 for yes, a list and all notices; 1 for no and "not now"; 2 when there is no answer.
+ * Exit status: 0 for yes, a list, all notices and a message; 1 for no and "not now"; 2 when there is no answer.
  */
 #include <stdbool.h>
 #include <stdio.h>
@@ -26,6 +27,7 @@ enum { STATUS_YES = 0, STATUS_NO = 1, STATUS_FAILED = 2, PATIENCE_SECONDS = 5 };
 static struct {
     struct event_base *base;
     long long notices_left;
+    bool calls;
     int status;
 } client = {.status = STATUS_FAILED};
 
@@ -97,11 +99,14 @@ static void handle_notice(int fd, const char *type, struct json_object *data)
 
 static void handle_other(int fd, const char *type, struct json_object *data)
 {
-    (void)fd, (void)data;
-    if (strcmp(type, "error") != 0)
-        return; /* a later daemon may have more to say */
-    fputs("The daemon has gone\n", stderr);
-    finish(STATUS_FAILED);
+    (void)fd;
+    if (strcmp(type, "error") == 0) {
+        fputs("The daemon has gone\n", stderr);
+        finish(STATUS_FAILED);
+    } else if (client.calls) { /* else a later daemon has more to say */
+        printf("%s %s\n", type, json_object_to_json_string_ext(data, JSON_C_TO_STRING_PLAIN));
+        finish(STATUS_YES);
+    }
 }
 
 /* Adds a member to an object and takes the value; both may be NULL for want of memory, which gives false. */
@@ -111,6 +116,21 @@ static bool add(struct json_object *object, const char *key, struct json_object 
         return true;
     json_object_put(value);
     return false;
+}
+
+/* What the daemon is to look at; NULL when the command line asks for nothing known, or for want of memory. */
+static struct json_object *data_for(char *argv[])
+{
+    if (strcmp(argv[0], "call") == 0)
+        return json_tokener_parse(argv[2]);
+    const char *target = strcmp(argv[0], "members") == 0 ? "direction" : argv[0];
+    struct json_object *data = json_object_new_object();
+    bool complete = add(data, "common_name", json_object_new_string(argv[1]));
+    complete = add(data, target, json_object_new_string(argv[2])) && complete;
+    if (complete)
+        return data;
+    json_object_put(data);
+    return NULL;
 }
 
 /* What the command line asks for, as a new message; NULL when it asks for nothing known, or for want of memory. */
@@ -123,17 +143,14 @@ static struct json_object *message_for(int argc, char *argv[])
     if (wrong || (!listens && argc != 3))
         return NULL;
 
-    char type[32];
-    snprintf(type, sizeof type, "access.%s", argv[0]);
+    client.calls = strcmp(argv[0], "call") == 0;
+    char question[32];
+    snprintf(question, sizeof question, "access.%s", argv[0]);
+    const char *type = listens ? "subscribe" : client.calls ? argv[1] : question;
     struct json_object *message = json_object_new_object();
-    struct json_object *data = listens ? json_object_new_string("zones.changed") : json_object_new_object();
-    bool complete = add(message, "type", json_object_new_string(listens ? "subscribe" : type));
-    if (!listens) {
-        const char *target = strcmp(argv[0], "members") == 0 ? "direction" : argv[0];
-        complete = add(data, "common_name", json_object_new_string(argv[1])) && complete;
-        complete = add(data, target, json_object_new_string(argv[2])) && complete;
-    }
-    if (add(message, "data", data) && complete)
+    bool complete = add(message, "type", json_object_new_string(type));
+    complete = add(message, "data", listens ? json_object_new_string("zones.changed") : data_for(argv)) && complete;
+    if (complete)
         return message;
     json_object_put(message);
     return NULL;
@@ -170,7 +187,9 @@ int main(int argc, char *argv[])
     }
     struct json_object *message = message_for(argc - optind, argv + optind);
     if (!message) {
-        fprintf(stderr, "usage: %s [-n NAME] ip|port|mac|peer|members COMMON_NAME TARGET | listen COUNT\n", argv[0]);
+        fprintf(stderr,
+                "usage: %s [-n NAME] ip|port|mac|peer|members COMMON_NAME TARGET | listen COUNT | call TYPE DATA\n",
+                argv[0]);
         return STATUS_FAILED;
     }
     client.base = event_base_new();
