@@ -1,5 +1,6 @@
 #include "json_census.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -165,11 +166,24 @@ enum class json_census::state : uint8_t {
 
 void json_census::read(std::string_view chunk)
 {
-    for (const char c : chunk) {
-        if (state_ == state::stopped)
-            return;
-        take(c);
+    while (!chunk.empty() && state_ != state::stopped) {
+        if (state_ == state::in_text)
+            skip_plain_text(chunk);
+        if (!chunk.empty()) {
+            take(chunk.front());
+            chunk.remove_prefix(1);
+        }
     }
+}
+
+/// Takes what needs no look at each character; take_in_text would do the same.
+void json_census::skip_plain_text(std::string_view &chunk)
+{
+    const auto end =
+        std::ranges::find_if(chunk, [quote = quote_](char c) { return c == quote || c == '\\' || c == 0; });
+    const auto length = static_cast<std::size_t>(end - chunk.begin());
+    add_bytes(length);
+    chunk.remove_prefix(length);
 }
 
 void json_census::take(char c)

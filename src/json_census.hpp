@@ -46,6 +46,7 @@ private:
     static constexpr unsigned max_depth = 32; // of json-c, unless it is told otherwise
     enum class state : uint8_t;
 
+    void skip_plain_text(std::string_view &chunk);
     void take(char c);
     void take_between_tokens(char c);
     void take_after_value(char c);

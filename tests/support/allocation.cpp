@@ -47,8 +47,12 @@ int note_object(dl_phdr_info *object, std::size_t, void *)
     return 0;
 }
 
+int left_errno = 0; // by each allocation; 0: as it was
+
 bool is_refused(const void *caller, bool may_be_runtime = false)
 {
+    if (left_errno != 0)
+        errno = left_errno;
     const bool counts = refusal.library.holds(caller) || (may_be_runtime && refusal.runtime.holds(caller));
     if (refusal.left == 0 || !counts || --refusal.left != 0)
         return false;
@@ -125,4 +129,14 @@ allocation_refusal::~allocation_refusal()
 bool allocation_refusal::happened() const // NOLINT(readability-convert-member-functions-to-static)
 {
     return refusal.happened;
+}
+
+misleading_errno::misleading_errno(int value)
+{
+    left_errno = value;
+}
+
+misleading_errno::~misleading_errno()
+{
+    left_errno = 0;
 }

@@ -73,3 +73,12 @@ public:
     allocation_refusal &operator=(const allocation_refusal &) = delete;
     bool happened() const;
 };
+
+/// While it lives, allocations leave this value in errno, as the C library's may also where they succeed.
+class misleading_errno {
+public:
+    explicit misleading_errno(int value);
+    ~misleading_errno();
+    misleading_errno(const misleading_errno &) = delete;
+    misleading_errno &operator=(const misleading_errno &) = delete;
+};
