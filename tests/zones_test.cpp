@@ -83,7 +83,9 @@ std::string related(const char *name, int direction)
     for (uint32_t i = 0; i < count; last = list[i++]) {
         const zone_member &m = *list[i];
         if (direction == ZONE_DIRECTION_BOTH) {
-            EXPECT_TRUE(m.prev == last && (!last || last->next == &m) && (i + 1 < count || !m.next));
+            EXPECT_EQ(m.prev, last);
+            EXPECT_EQ(last ? last->next : &m, &m);
+            EXPECT_EQ(m.next != nullptr, i + 1 < count);
         }
         char line[100];
         if (m.type <= ZONE_MEMBER_PORT)
@@ -150,6 +152,9 @@ TEST_F(zones_test, members_as_they_are_read)
         {"'n':{'type':'port','disabled':'true'}", "13 n;", {"Invalid type for field disabled"}},
         {"'n':{'type':'port'},'n':{'type':'serialization'}", "03 n;"}, // the last one counts
         {"'\xFF\\u0000cut':{'type':'port'}", "13 \xFF;"},
+        {"'m':null,'n':{'type':'port'}", "13 n;"},
+        {"'m':{'type':'port','disabled':true},'n':{'type':'port'}", "13 n;"},
+        {"'m':{},'n':{'type':'port'}", "13 n;", {"m parsing failed"}},
     };
     for (const auto &[member, stored, warned] : cases) {
         set_members("'p':{'type':'serialization','direction':'in'}," + member);
@@ -168,6 +173,7 @@ TEST_F(zones_test, zones_as_they_are_read)
     } cases[] = {
         {"{'7':{'members':{}},'007':{'members':{}},'2147483647':{'members':{}}}", "7 7 2147483647 "},
         {"{'abc':{},'-1':{},'7a':{},'2147483648':{},'':{},'8':null}", ""},
+        {"{'abc':{},'1':{'members':{}},'8':null,'2':{'members':{}}}", "1 2 "},
         {"{'1':{'disabled':true},'2':{'disabled':false,'members':{}}}", "2 "},
         {"{'1':{'disabled':1,'members':{}}}", "1 ", 1, warnings({"Invalid type for field disabled"})},
         {"{'1':{'deny_between_keys':1},'2':[],'3':{'members':null},'4':{'members':{}}}", "1 2 3 4 ", 0},
@@ -225,14 +231,23 @@ TEST_F(zones_test, a_file_that_cannot_be_loaded)
         uint8_t sched = 7, mac[6] = {};
         char bridge[14] = "as it was";
         for (int i = 0; i < 2; ++i) { // each query tries again
-            const int answers[] = {
-                zones_is_ip_allowed_sched("p", address, &sched), zones_is_port_allowed_sched("p", "a", &sched),
-                zones_is_mac_allowed_sched("p", mac, &sched),    zones_is_device_allowed_sched("p", "p", &sched),
-                zones_get_client_options(bridge, "p"),           zones_update_schedule_access()};
-            EXPECT_TRUE(std::ranges::count(answers, 0) == 6 && related("p", ZONE_DIRECTION_BOTH) == "none");
-            EXPECT_EQ(log().size(), 7 * logged.size());
+            EXPECT_EQ(zones_is_ip_allowed_sched("p", address, &sched), 0);
+            EXPECT_EQ(log(), logged);
+            EXPECT_EQ(zones_is_port_allowed_sched("p", "a", &sched), 0);
+            EXPECT_EQ(log(), logged);
+            EXPECT_EQ(zones_is_mac_allowed_sched("p", mac, &sched), 0);
+            EXPECT_EQ(log(), logged);
+            EXPECT_EQ(zones_is_device_allowed_sched("p", "q", &sched), 0);
+            EXPECT_EQ(log(), logged);
+            EXPECT_EQ(zones_get_client_options(bridge, "p"), 0);
+            EXPECT_EQ(log(), logged);
+            EXPECT_EQ(zones_update_schedule_access(), 0);
+            EXPECT_EQ(log(), logged);
+            EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), "none");
+            EXPECT_EQ(log(), logged);
         }
-        EXPECT_TRUE(sched == 7 && std::strcmp(bridge, "as it was") == 0);
+        EXPECT_EQ(sched, 7);
+        EXPECT_STREQ(bridge, "as it was");
         setfsuid(0);
         std::remove(zones_file);
     }
@@ -278,24 +293,29 @@ TEST_F(zones_test, where_a_mistake_in_the_file_allows_more)
     const struct {
         const char *name;
         std::string meant, mistaken;
+        const char *wrongly; // allowed: the address, the other peer
     } cases[] = {
         {"unreadable end address", an_ip + "'9.0.0.1','address_end':'9.0.0.9'}",
-         an_ip + "'9.0.0.1','address_end':'9.0.0.x'}"},
-        {"unreadable netmask on 0.0.0.0", an_ip + "'0.0.0.0','netmask':'32'}", an_ip + "'0.0.0.0','netmask':'/32'}"},
-        {"inverse netmask", an_ip + "'9.0.0.1','netmask':'255.255.255.0'}", an_ip + "'9.0.0.1','netmask':'0.0.0.255'}"},
-        {"disabled as text", "'disabled':true," + the_ip, "'disabled':'true'," + the_ip},
-        {"denied as text", "'deny_between_keys':true," + key, "'deny_between_keys':'true'," + key},
+         an_ip + "'9.0.0.1','address_end':'9.0.0.x'}", "10"},
+        {"zero-padded end address", an_ip + "'9.0.0.1','address_end':'9.0.0.89'}",
+         an_ip + "'9.0.0.1','address_end':'9.0.0.089'}", "10"},
+        {"unreadable netmask on 0.0.0.0", an_ip + "'0.0.0.0','netmask':'32'}", an_ip + "'0.0.0.0','netmask':'/32'}",
+         "10"},
+        {"inverse netmask", an_ip + "'9.0.0.1','netmask':'255.255.255.0'}", an_ip + "'9.0.0.1','netmask':'0.0.0.255'}",
+         "10"},
+        {"disabled as text", "'disabled':true," + the_ip, "'disabled':'true'," + the_ip, "10"},
+        {"denied as text", "'deny_between_keys':true," + key, "'deny_between_keys':'true'," + key, "01"},
         {"name over 26 characters", "'members':{'token-abcdefghijklm" + a_peer,
-         "'members':{'token-abcdefghijklmnopqrst-one" + a_peer},
+         "'members':{'token-abcdefghijklmnopqrst-one" + a_peer, "01"},
     };
-    for (const auto &[name, meant, mistaken] : cases) {
-        const auto is_allowed = [&](const std::string &zone) {
+    for (const auto &[name, meant, mistaken, wrongly] : cases) {
+        const auto answers = [&](const std::string &zone) {
             set_zones("{'1':{" + zone + ",'token-p':{'type':'serialization','direction':'in'}}}}");
-            return zones_is_ip_allowed("token-p", address) ||
-                   zones_is_device_allowed("token-p", "token-abcdefghijklmnopqrst-two");
+            return std::to_string(zones_is_ip_allowed("token-p", address)) +
+                   std::to_string(zones_is_device_allowed("token-p", "token-abcdefghijklmnopqrst-two"));
         };
-        EXPECT_FALSE(is_allowed(meant)) << name;
-        EXPECT_TRUE(is_allowed(mistaken)) << name;
+        EXPECT_EQ(answers(meant), "00") << name;
+        EXPECT_EQ(answers(mistaken), wrongly) << name;
     }
     log();
 }
