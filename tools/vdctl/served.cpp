@@ -127,7 +127,7 @@ std::vector<served_name> served_names()
     const auto sockets = sockets_by_path();
     std::vector<served_name> found;
     for (const auto &entry : folder) {
-        const std::string name = name_in(entry.path().filename());
+        const std::string name = name_in(entry.path().filename().native());
         struct stat status;
         if (name.empty() || lstat(entry.path().c_str(), &status) != 0)
             continue;
