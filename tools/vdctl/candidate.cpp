@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -33,9 +33,10 @@ void check(bool is_done, const std::string &name, const text &step)
         refuse(name, step + ": " + text::of(std::strerror(errno)));
 }
 
-void write_text(const char *path, const std::string &content)
+void write_text(const char *path, std::string_view content)
 {
-    std::ofstream{path} << content;
+    const unique_fd file{open(path, O_WRONLY | O_CLOEXEC)};
+    [[maybe_unused]] const ssize_t written = write(file.get(), content.data(), content.size()); // the mounts will tell
 }
 
 /// A user namespace gives an ordinary user the right to mount, as root of that namespace alone.
