@@ -246,11 +246,9 @@ void json_census::take_between_tokens(char c)
 
 void json_census::take_after_value(char c)
 {
-    if (depth_ == 0)
-        state_ = state::stopped;
-    else if (c == ',')
+    if (depth_ > 0 && c == ',')
         state_ = is_in_object() ? state::before_key : state::before_element; // which may turn out to be the end
-    else if (c == (is_in_object() ? '}' : ']'))
+    else if (depth_ > 0 && c == (is_in_object() ? '}' : ']'))
         close();
     else
         state_ = state::stopped;
