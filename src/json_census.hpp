@@ -26,9 +26,6 @@ struct json_counts {
 
 json_counts counts_of(json_object *tree);
 
-/// Whether two trees hold the same, in the same order, with the same number texts. Throws when memory runs out.
-bool is_same_tree(json_object *one, json_object *other);
-
 /// Counts a text, chunk by chunk, as json-c 0.16 reads it by default: with comments, single quotes, NaN and Infinity,
 /// and nothing behind the first whole value. It stops where json-c stops, a little later in a malformed number.
 ///

@@ -5,6 +5,7 @@
 #include "ip_calculation.h"
 #include "json.hpp"
 #include "json_census.hpp"
+#include "json_tree.hpp"
 #include "log.hpp"
 #include "mac.h"
 #include "paths.hpp"

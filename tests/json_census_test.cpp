@@ -1,5 +1,6 @@
 // The census of a text, which no daemon sees: the library's own function, built into this program.
 #include "../src/json_census.hpp"
+#include "../src/json_tree.hpp"
 #include "device_test.hpp"
 
 #include <memory>
