@@ -53,7 +53,7 @@ private:
     std::string zone()
     {
         static constexpr const char *keys[] = {"1", "2", "3", "4", "5", "007", "no"};
-        static constexpr const char *flags[] = {"true", "false", "\"true\"", "null"};
+        static constexpr const char *flags[] = {"true", "true", "false", "\"true\"", "null"};
         std::string zone =
             '"' + std::string{one_of(keys)} + R"(": {"disabled": )" + (below(6) ? "false" : one_of(flags));
         zone += std::string{R"(, "deny_between_keys": )"} + (below(2) ? "false" : one_of(flags));
@@ -248,14 +248,15 @@ TEST_F(vdctl_property, explains_what_the_library_says)
 TEST_F(vdctl_property, each_near_miss_makes_a_yes)
 {
     std::map<std::string, unsigned> keys;
-    for (unsigned seed = 1; seed <= wanted_questions() / 2500 && !HasFailure(); ++seed) {
+    for (unsigned seed = 1; seed <= wanted_questions() / 1000 && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const std::string text = generated{seed}.text;
         const zone_reading zones = read_text(text);
         for (const std::string peer : peers) {
             for (const target &what : all_targets()) {
-                if (!fits_of(zones, peer, what).empty())
-                    continue;
+                const auto fits = fits_of(zones, peer, what);
+                if (!fits.empty() && !fits.front().deny_key)
+                    continue; // a yes already
                 for (const near_miss &miss : near_misses(zones, peer, what)) {
                     write_zones(edited(text, miss));
                     zones_load(); // which may fail for another zone without members
