@@ -5,6 +5,7 @@
 
 namespace vdctl {
 
+int doctor(const invocation &given);
 int vpn(const invocation &given);
 int zones_check(const invocation &given);
 int zones_diff(const invocation &given);
@@ -23,6 +24,7 @@ constexpr command rows[] = {
     {"zones reach", "PEER", 1, 1, "fn", "all that a peer reaches", zones_reach},
     {"zones who", "TARGET", 1, 1, "fn", "all who reach a target", zones_who},
     {"zones matrix", "", 0, 0, "fnH", "all that every peer reaches", zones_matrix},
+    {"doctor", "", 0, 0, "", "what of the set-up is missing or wrong", doctor},
     {"vpn", "[PEER]", 0, 1, "", "connections, and what their state files say", vpn},
 };
 
