@@ -1,5 +1,6 @@
 // The program vdctl, run on an empty device: what it prints and its exit status.
 #include "device_test.hpp"
+#include "program_run.hpp"
 
 #include <algorithm>
 #include <cstring>
@@ -10,10 +11,8 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <pty.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -45,49 +44,6 @@ protected:
         std::filesystem::current_path("/tmp");
     }
 };
-
-struct outcome {
-    int status;
-    std::string output, errors;
-};
-
-/// Runs a shell command, after prepare in its process.
-outcome run(
-    const std::string &command, void (*prepare)() = [] {})
-{
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(open("/tmp/output", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        dup2(open("/tmp/errors", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        prepare();
-        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read_file("/tmp/output"),
-            read_file("/tmp/errors")};
-}
-
-/// The same on a terminal, where both outputs meet.
-std::string run_on_terminal(const std::string &command)
-{
-    int terminal = -1;
-    const winsize size{50, 200, 0, 0};
-    const pid_t pid = forkpty(&terminal, nullptr, nullptr, &size);
-    if (pid == 0) {
-        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-        _exit(127);
-    }
-    std::string output;
-    char buffer[4096];
-    for (ssize_t length; (length = read(terminal, buffer, sizeof buffer)) > 0;)
-        output.append(buffer, static_cast<std::size_t>(length));
-    waitpid(pid, nullptr, 0);
-    close(terminal);
-    std::erase(output, '\r');
-    return output;
-}
 
 /// Refuses new namespaces with an error, as a container or a kernel without them does.
 template <int Error> void refuse_namespaces()
