@@ -35,6 +35,8 @@ std::map<std::string, kernel_sockets> sockets_by_path()
     constexpr unsigned connected = 3;          // SS_CONNECTED
     std::map<std::string, kernel_sockets> sockets;
     std::ifstream table{"/proc/net/unix"};
+    if (!table)
+        fail_with_errno("cannot read /proc/net/unix");
     std::string line;
     std::getline(table, line); // the header
     while (std::getline(table, line)) {
@@ -65,16 +67,17 @@ std::string first_line(const fs::path &path)
 void find_process(served_name &served, unsigned long inode)
 {
     const std::string wanted = "socket:[" + std::to_string(inode) + ']';
-    std::error_code none;
-    for (const auto &process : fs::directory_iterator{"/proc", none}) {
-        const std::string number = process.path().filename();
+    std::error_code ended; // of a process that ends meanwhile
+    const fs::directory_iterator none;
+    for (fs::directory_iterator process{"/proc", ended}; process != none; process.increment(ended)) {
+        const std::string number = process->path().filename();
         if (number.find_first_not_of("0123456789") != number.npos)
             continue;
-        for (const auto &fd : fs::directory_iterator{process.path() / "fd", none}) {
-            if (fs::read_symlink(fd.path(), none) != wanted)
+        for (fs::directory_iterator fd{process->path() / "fd", ended}; fd != none; fd.increment(ended)) {
+            if (fs::read_symlink(fd->path(), ended) != wanted)
                 continue;
             served.pid = static_cast<pid_t>(std::stol(number));
-            served.command = first_line(process.path() / "comm");
+            served.command = first_line(process->path() / "comm");
             return;
         }
     }
@@ -86,7 +89,7 @@ void describe(served_name &served, const kernel_sockets &sockets)
     if (sockets.listeners.empty())
         return;
     served.by = sockets.listeners.size() == 1 ? serving::one : serving::two;
-    find_process(served, sockets.listeners.back());
+    find_process(served, std::ranges::max(sockets.listeners)); // the newest
 }
 
 /// The name in "ipc_NAME.sock", or nothing.
