@@ -5,6 +5,10 @@
 
 namespace vdctl {
 
+int bus_call(const invocation &given);
+int bus_list(const invocation &given);
+int bus_listen(const invocation &given);
+int bus_send(const invocation &given);
 int doctor(const invocation &given);
 int vpn(const invocation &given);
 int zones_check(const invocation &given);
@@ -24,6 +28,11 @@ constexpr command rows[] = {
     {"zones reach", "PEER", 1, 1, "fn", "all that a peer reaches", zones_reach},
     {"zones who", "TARGET", 1, 1, "fn", "all who reach a target", zones_who},
     {"zones matrix", "", 0, 0, "fnH", "all that every peer reaches", zones_matrix},
+    {"bus list", "", 0, 0, "", "who serves on the message bus", bus_list},
+    {"bus call", "NAME TYPE [DATA]", 2, 3, "tr", "asks a daemon, and prints its answer", bus_call},
+    {"bus send", "NAME TYPE [DATA]", 2, 3, "tc", "sends a daemon a message, and waits until it has read it", bus_send},
+    {"bus listen", "NAME [TYPE [DATA]]", 1, 3, "tc", "prints what a daemon sends, after sending it a message",
+     bus_listen},
     {"doctor", "", 0, 0, "", "what of the set-up is missing or wrong", doctor},
     {"vpn", "[PEER]", 0, 1, "", "connections, and what their state files say", vpn},
 };
@@ -37,7 +46,7 @@ constexpr option option_rows[] = {
     {'n', "no-schedule", nullptr, "leaves schedules alone"},
     {'H', "html", nullptr, "one page for a browser"},
     {'t', "timeout", "SECONDS", "how long to wait (0: for ever)"},
-    {'c', "count", "COUNT", "ends after so many messages"},
+    {'c', "count", "COUNT", "how many messages"},
     {'r', "reply-type", "TYPE", "waits for a message of this type"},
 };
 
