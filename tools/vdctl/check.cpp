@@ -164,10 +164,10 @@ private:
             member_.reset();
         });
         if (!has_subject)
-            add(zone.line, level::note, "no-subject", "no peer of it is \"in\" or \"both\", so it lets nobody through");
+            add(zone.line, level::note, "no-subject", R"(no peer of it is "in" or "both", so it lets nobody through)");
         if (!has_target)
             add(zone.line, level::note, "no-target",
-                "nothing of it is \"out\" or \"both\", so nothing is reached by it");
+                R"(nothing of it is "out" or "both", so nothing is reached by it)");
     }
 
     /// The member, if it is loaded.

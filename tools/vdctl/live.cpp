@@ -53,7 +53,7 @@ bool looks_like_mac(std::string_view text)
 bool looks_like_ip(std::string_view text)
 {
     unsigned parts = 1;
-    for (; text.find('.') != text.npos; ++parts) {
+    for (; text.find('.') != std::string_view::npos; ++parts) {
         const std::string_view part = text.substr(0, text.find('.'));
         if (part.empty() || !is_all(part, std::isdigit))
             return false;

@@ -116,9 +116,9 @@ private:
             const char *near = nearest(name, options, [](const option &row) { return row.name; });
             throw misuse{"no option " + meant(long_name(name), near ? long_name(near).c_str() : nullptr)};
         }
-        if (equals != word.npos && !o->value)
+        if (equals != std::string_view::npos && !o->value)
             throw misuse{"--" + text::of(o->name) + " takes no value"};
-        take(*o, equals == word.npos ? nullptr : word.data() + equals + 1, "--" + text::of(o->name));
+        take(*o, equals == std::string_view::npos ? nullptr : word.data() + equals + 1, "--" + text::of(o->name));
     }
 
     void take_letters(std::string_view word)
@@ -186,7 +186,7 @@ const command *find_command(std::span<const char *const> words)
 void check_options(const command &row, const invocation &given)
 {
     for (const auto &[letter, value] : given.options) {
-        if (common_options.find(letter) == common_options.npos && !std::strchr(row.options, letter))
+        if (common_options.find(letter) == std::string_view::npos && !std::strchr(row.options, letter))
             throw misuse{quoted(row.name) + " takes no --" + text::of(option_with(letter)->name)};
     }
 }

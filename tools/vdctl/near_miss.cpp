@@ -251,7 +251,7 @@ std::vector<text> hints(const zone_reading &zones, const std::string &peer, cons
 {
     std::vector<text> result;
     if (peer.size() > common_name_length)
-        result.push_back("a peer's name over 26 characters is in no zone");
+        result.emplace_back("a peer's name over 26 characters is in no zone");
     const name_hints names{zones, has_near_misses};
     names.look_for(peer, ZONE_MEMBER_SERIALIZATION, result);
     if (what.type == ZONE_MEMBER_IP_RANGE || what.type == ZONE_MEMBER_MAC_RANGE) {
@@ -267,11 +267,12 @@ std::vector<text> hints(const zone_reading &zones, const std::string &peer, cons
         is_other |=
             member.key == what.name && member.record->type == (is_port ? ZONE_MEMBER_SERIALIZATION : ZONE_MEMBER_PORT);
     });
-    if (is_other && !is_found)
+    if (is_other && !is_found) {
         result.push_back(quoted(what.name) +
                          (is_port ? text{" is a peer and not a port: ask for peer:"}
                                   : text{" is a port and not a peer: ask for port:"}) +
                          text::of(what.name));
+    }
     return result;
 }
 
