@@ -69,7 +69,7 @@ std::vector<text> reasons(const answer &found)
     if (reason == "no-zone")
         return {"it is in no zone"};
     if (reason == "no-subject")
-        return {"it is neither \"in\" nor \"both\" in its zones" + places(found.own)};
+        return {R"(it is neither "in" nor "both" in its zones)" + places(found.own)};
     if (reason == "no-target")
         return {"nothing that can be reached in its zones holds it" + places(found.own)};
     std::vector<text> lines;
@@ -81,19 +81,19 @@ std::vector<text> reasons(const answer &found)
     }
     for (const fit &f : found.fits) {
         const text zone = "zone " + text::of(f.zone->key);
-        if (f.deny_key)
+        const bool is_of_keys = f.deny_key && std::strcmp(f.deny_key, "deny_between_keys") == 0;
+        if (f.deny_key) {
             lines.push_back(zone + ", line " + text{f.deny_line} + ": " + text::of(f.deny_key) +
-                            (std::strcmp(f.deny_key, "deny_between_keys") == 0
-                                 ? text{" keeps Keys apart"}
-                                 : text{" keeps Locks of one role apart"}));
-        else
+                            (is_of_keys ? text{" keeps Keys apart"} : text{" keeps Locks of one role apart"}));
+        } else {
             lines.push_back(zone + ": " + described(*f.member) + ", line " + text{f.member->line} +
                             (!found.given.is_open ? text{"; its schedule is closed"} : text{}));
+        }
         if (reason == "denied" || !found.has_schedule)
             break; // the first one decides
     }
     if (found.given.is_allowed && !found.has_schedule)
-        lines.push_back("schedule not asked");
+        lines.emplace_back("schedule not asked");
     return lines;
 }
 

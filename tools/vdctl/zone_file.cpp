@@ -63,7 +63,6 @@ void join_equal(std::vector<scanned_key> &keys)
         auto earlier = kept.earlier ? std::move(kept.earlier) : std::make_unique<std::vector<unsigned>>();
         earlier->push_back(kept.line);
         kept = std::move(again);
-        again.name = kept.name;
         kept.earlier = std::move(earlier);
         is_joined[order[next]] = true;
     }
