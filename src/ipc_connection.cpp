@@ -102,7 +102,7 @@ bool is_failure(ssize_t size)
     return size < 0 && errno != EAGAIN && errno != EINTR;
 }
 
-void log_too_long(std::size_t body_bytes)
+void log_too_long(std::uint64_t body_bytes)
 {
     log_warning("Message of %u bytes is too long", static_cast<unsigned>(body_bytes));
 }
@@ -156,17 +156,18 @@ json_handle read_body(connection &peer, std::string_view body)
 
 /// Handles the whole frames at the start of the bytes and takes them off. Gives the size of the next one, as far as it
 /// is known, or 0 where a handler has dropped the connection, and the bytes with it.
-std::size_t handle_frames(connection &peer, std::string_view &bytes)
+std::uint64_t handle_frames(connection &peer, std::string_view &bytes)
 {
     const int fd = peer.fd;
     const std::uint64_t serial = peer.serial;
-    std::size_t size = frame_size(bytes);
+    std::uint64_t size = frame_size(bytes);
     for (; size <= std::min(bytes.size(), max_frame_bytes); size = frame_size(bytes)) {
-        if (const json_handle message = read_body(peer, bytes.substr(header_bytes, size - header_bytes)))
+        const std::string_view frame = bytes.substr(0, static_cast<std::size_t>(size));
+        if (const json_handle message = read_body(peer, frame.substr(header_bytes)))
             peer.dispatch(fd, message.get(), peer.default_callback);
         if (!is_open(fd, serial))
             return 0;
-        bytes.remove_prefix(size);
+        bytes.remove_prefix(frame.size());
     }
     return size;
 }
@@ -191,15 +192,16 @@ void read_frames(connection &peer)
             return;
         }
         const std::size_t held = bytes.size();
-        wanted = handle_frames(peer, bytes);
-        if (wanted == 0)
+        const std::uint64_t next = handle_frames(peer, bytes);
+        if (next == 0)
             return;
         evbuffer_drain(input, held - bytes.size());
-        if (wanted > max_frame_bytes) {
-            log_too_long(wanted - header_bytes);
+        if (next > max_frame_bytes) {
+            log_too_long(next - header_bytes);
             fail(peer);
             return;
         }
+        wanted = static_cast<std::size_t>(next);
     }
 }
 

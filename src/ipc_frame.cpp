@@ -3,7 +3,6 @@
 #include "json_census.hpp"
 #include "lasting.hpp"
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -53,12 +52,12 @@ tokener_handle take_tokener()
 
 } // namespace
 
-std::size_t frame_size(std::string_view bytes)
+std::uint64_t frame_size(std::string_view bytes)
 {
     std::uint32_t body_bytes = 0;
     if (bytes.size() >= header_bytes)
         std::memcpy(&body_bytes, bytes.data(), header_bytes);
-    return header_bytes + be32toh(body_bytes);
+    return std::uint64_t{header_bytes} + be32toh(body_bytes);
 }
 
 bool is_too_costly(std::string_view body)

@@ -4,6 +4,7 @@
 #include "handles.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 struct evbuffer;
@@ -14,8 +15,9 @@ inline constexpr std::size_t header_bytes = 4;
 inline constexpr std::size_t max_body_bytes = 999'995;
 inline constexpr std::size_t max_frame_bytes = header_bytes + max_body_bytes;
 
-/// The size of the frame at the start of the bytes, as far as they tell: that of a header until one has come.
-std::size_t frame_size(std::string_view bytes);
+/// The size of the frame at the start of the bytes, as far as they tell: that of a header until one has come. A header
+/// may announce more than a size of 32 bits can hold.
+std::uint64_t frame_size(std::string_view bytes);
 
 inline constexpr std::size_t long_body_bytes = 65'536; // from here on a body's memory is looked at
 
