@@ -107,6 +107,7 @@ descriptor own_changes(context &ctx, package &of)
     descriptor file = open_locked(path, access::write, permissions(of.path, UCI_FILEMODE));
     if (!file)
         throw failure{UCI_ERR_IO};
+    remove_leftovers(path);
     std::string text = read_whole(file);
     if (end_of_comment(text, in_place_comment(id_at(of.path))) == text.size()) { // nothing is pending
         shorten(file, 0);
@@ -273,8 +274,6 @@ void commit(context &ctx, uci_package *&at, bool overwrite)
     std::vector<std::string> changes = other_changes(ctx, old, id);
     const descriptor saved = own_changes(ctx, old);
     changes.push_back(pending_lines(saved, id));
-    if (saved)
-        remove_leftovers(change_path(ctx.savedir, old));
     if (reload(ctx, at, locked.file(), changes) == 0)
         return locked.keep();
     put_in_place(own(*at), locked, saved);
