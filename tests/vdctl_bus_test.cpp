@@ -97,6 +97,19 @@ private:
     std::optional<child_process> process_;
 };
 
+/// "vdctl bus serve double", in the background until it ends; these are the words behind.
+class stand_in {
+public:
+    explicit stand_in(const std::string &words)
+        : process_{[=] { EXPECT_EQ(std::system(("vdctl bus serve double " + words).c_str()), 0); }}
+    {
+        EXPECT_EQ(std::system("until vdctl bus list | grep -q '^double.serving'; do sleep 0.01; done"), 0);
+    }
+
+private:
+    child_process process_;
+};
+
 class vdctl_bus_test : public device_test {
 protected:
     vdctl_bus_test()
@@ -313,11 +326,99 @@ TEST_F(vdctl_bus_test, follows_a_daemon)
     daemon.join();
     daemon_process next;
     for (const char *signal : {"INT", "TERM", "HUP"}) {
-        EXPECT_EQ(run(std::string{"vdctl bus listen daemon x >out & until grep -q reply out; do :; done; kill -"} +
-                      signal + " $!; wait $!")
-                      .status,
-                  0)
+        EXPECT_EQ(
+            run(std::string{"rm -f out; vdctl bus listen daemon x >out & until grep -q reply out; do :; done; kill -"} +
+                signal + " $!; wait $!")
+                .status,
+            0)
             << signal;
     }
     next.end_with(SIGKILL);
+}
+
+TEST_F(vdctl_bus_test, stands_in_for_a_daemon)
+{
+    write_file("/tmp/replies", R"({
+        "echo": {"type": "$type", "data": ["$data", {"in": "$data", "not": "$data "}]},
+        "two": [{"type": "first"}, {"type": "second", "data": 2}],
+        "a/b": {"type": "$type"},
+        "a": {"type": "cut"},
+        "once": {"type": "$type", "data": "$data"},
+        "twice": {"type": "$type", "data": ["$data", "$data"]}})");
+    const std::string large = "head -c 600000 /dev/zero | tr '\\0' x | sed 's/.*/\"&\"/' | vdctl bus call double ";
+    {
+        const stand_in serving{"-c 8 - <replies >arrived 2>serve_errors; [ $? = 0 ]"};
+        const struct {
+            const char *words;
+            int status;
+            const char *output;
+        } cases[] = {
+            {R"(echo '"$type"')", 0, "echo [\"$type\", {\"in\": \"$type\", \"not\": \"$data \"}]\n"},
+            {"echo", 0, "echo [null, {\"in\": null, \"not\": \"$data \"}]\n"},
+            {"two -r second", 0, "second 2\n"},
+            {"a/b", 0, "a/b\n"},
+            {"silent -t 1", 4, ""},
+            {"\"$(printf 'a\\033')\" -t 1", 4, ""},
+        };
+        for (const auto &[words, status, output] : cases) {
+            const outcome found = run(std::string{"vdctl bus call double "} + words);
+            EXPECT_EQ(found.status, status) << words << found.errors;
+            EXPECT_EQ(found.output, output) << words;
+        }
+        EXPECT_EQ(run(large + "twice -t 1 -").status, 4); // the answer would be too long
+        EXPECT_EQ(run(large + "once - | wc -c").output, "600008\n");
+    }
+    EXPECT_EQ(run("cut -d ' ' -f 2- arrived | head -n 6").output, "echo \"$type\"\necho\ntwo\na/b\nsilent\na\\x1b\n");
+    EXPECT_NE(read_file("/tmp/serve_errors").find("vdctl: an answer to \"twice\" could not be sent\n"),
+              std::string::npos);
+    EXPECT_EQ(run("ls /var/run/vandrel").output, "");
+}
+
+TEST_F(vdctl_bus_test, stops_standing_in)
+{
+    const struct {
+        const char *words;
+        int status;
+    } cases[] = {
+        {"-t 1 double >arrived", 0},
+        {"-t 1 -c 1 double >arrived", 4},
+        {"double >arrived & until vdctl bus list | grep -q serving; do :; done; kill -TERM $!; wait $!", 0},
+        {"-c 1 -j double >arrived & until vdctl bus list | grep -q serving; do :; done; "
+         "vdctl bus send double x & sent=$!; wait; grep -q '\"pid\": '$sent', \"type\": \"x\", \"data\": null}' "
+         "arrived",
+         0},
+    };
+    for (const auto &[words, status] : cases) {
+        EXPECT_EQ(run(std::string{"vdctl bus serve "} + words).status, status) << words;
+        EXPECT_EQ(run("vdctl bus list").output, "") << words;
+    }
+}
+
+TEST_F(vdctl_bus_test, stands_in_for_nobody_who_is_there)
+{
+    daemon_process daemon;
+    std::filesystem::create_directory("/var/run/vandrel/ipc_folder.sock");
+    const struct {
+        const char *words;
+        std::string errors;
+    } cases[] = {
+        {"daemon", "vdctl: \"daemon\" is served already, by process " + number(daemon.pid()) + '\n'},
+        {"folder", "vdctl: cannot serve as \"folder\": Address already in use\n"},
+        {"x '[]'", "vdctl: REPLIES is no object\n"},
+        {"x '{\"a\": 5}'", "vdctl: REPLIES: what answers \"a\" is no message, it has no \"type\"\n"},
+        {"x '{\"a\": [{\"type\": \"b\"}, {\"type\": 5}]}'",
+         "vdctl: REPLIES: what answers \"a\" is no message, it has no \"type\"\n"},
+    };
+    for (const auto &[words, errors] : cases) {
+        const outcome found = run(std::string{"vdctl bus serve -t 1 "} + words);
+        EXPECT_EQ(found.status, 2) << words;
+        EXPECT_EQ(found.output, "") << words;
+        EXPECT_EQ(found.errors.substr(0, errors.size()), errors) << words;
+    }
+    EXPECT_EQ(run("vdctl bus call daemon x").status, 0);
+    daemon.end_with(SIGKILL);
+    std::filesystem::remove_all("/var/run/vandrel");
+    EXPECT_EQ(run("vdctl bus serve -t 1 x").errors,
+              "vdctl: cannot serve in /var/run/vandrel: No such file or directory\n");
+    EXPECT_FALSE(std::filesystem::exists("/var/run/vandrel"));
 }
