@@ -1,8 +1,10 @@
 // The program vdctl, run on an empty device: what it prints and its exit status.
+#include "child_process.hpp"
 #include "device_test.hpp"
 #include "program_run.hpp"
 
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -101,9 +103,15 @@ int compare_console_blocks(const std::string &page)
 TEST_F(vdctl_test, prints_what_the_documents_show)
 {
     write_file("/tmp/new.json", part_of("/docs/vdctl.md", "```json\n", "```"));
+    child_process daemon{[] {
+        const std::string vdaccess = host_path(BINARY_DIR) + "/daemons/vdaccess";
+        execl(vdaccess.c_str(), "vdaccess", "-f", nullptr);
+    }};
+    EXPECT_EQ(run("until vdctl bus list | grep -q serving; do sleep 0.01; done").status, 0);
     EXPECT_GE(compare_console_blocks("/docs/vdctl.md"), 10);
     EXPECT_GE(compare_console_blocks("/docs/troubleshooting.md"), 3);
     EXPECT_GE(compare_console_blocks("/README.md"), 1);
+    daemon.end_with(SIGKILL);
 }
 
 TEST_F(vdctl_test, refuses_wrong_usage_with_the_nearest_word)

@@ -36,13 +36,13 @@ void take_message(int fd, const char *type, json_object *data)
         running->arrive(fd, type, data);
 }
 
-/// Messages of the type "error" have a handler of their own, so one here is the end of the connection.
+/// Messages of the type "error" have a handler of their own, so one here is the end of a connection.
 void take_message_or_end(int fd, const char *type, json_object *data)
 {
     if (std::strcmp(type, "error") != 0)
         take_message(fd, type, data);
     else if (running)
-        running->end();
+        running->end(fd);
 }
 
 text join_names(const std::vector<served_name> &names)
@@ -119,8 +119,8 @@ private:
 
 std::string daemon_name(const char *word)
 {
-    const std::string name = word;
-    if (name.size() > longest_name || name.find('/') != name.npos)
+    std::string name = word;
+    if (name.size() > longest_name || name.find('/') != std::string::npos)
         throw misuse{quoted(name) + " is no daemon's name: up to " + text{longest_name} + " characters, without /"};
     return name;
 }
@@ -204,7 +204,7 @@ int bus_loop::connect(const std::string &name)
 int bus_loop::serve(const std::string &name)
 {
     wait_at_most(seconds_);
-    return fd_ = ipc_server_new(name.c_str(), base_.get(), take_message);
+    return fd_ = ipc_server_new(name.c_str(), base_.get(), take_message_or_end);
 }
 
 void bus_loop::wait_at_most(unsigned seconds)
@@ -249,7 +249,7 @@ std::optional<status> bus_loop::run_until(const std::function<bool()> &is_done)
 
 int bus_loop::pending() const
 {
-    return event_base_get_num_events(base_.get(), EVENT_BASE_COUNT_ADDED | EVENT_BASE_COUNT_ACTIVE);
+    return event_base_get_num_events(base_.get(), EVENT_BASE_COUNT_ADDED);
 }
 
 void bus_loop::arrive(int fd, const char *type, json_object *data)
@@ -263,8 +263,10 @@ void bus_loop::arrive(int fd, const char *type, json_object *data)
     }
 }
 
-void bus_loop::end()
+void bus_loop::end(int fd)
 {
+    if (fd != fd_)
+        return; // a client of ours
     fd_ = -1;
     if (stopped_ || failed_)
         return;

@@ -61,7 +61,7 @@ public:
 
     // For the bus and the event loop; what they throw ends the loop.
     void arrive(int fd, const char *type, json_object *data);
-    void end();
+    void end(int fd);
 
 private:
     void wait_at_most(unsigned seconds);

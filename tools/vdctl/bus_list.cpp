@@ -33,10 +33,11 @@ text or_dash(const text &cell)
 void print_table(const std::vector<served_name> &names)
 {
     table shown{{"NAME", "STATE", "PID", "COMMAND", "USER", "GROUP", "MODE", "PEERS"}};
-    for (const served_name &served : names)
+    for (const served_name &served : names) {
         shown.add({text::of(served.name), state_of(served), served.pid ? text{*served.pid} : text{"-"},
                    or_dash(text::of(served.command)), text::of(user_name(served.user)),
                    text::of(group_name(served.group)), text::of(mode_of(served)), text{served.peers}});
+    }
     shown.print();
 }
 

@@ -9,6 +9,7 @@ int bus_call(const invocation &given);
 int bus_list(const invocation &given);
 int bus_listen(const invocation &given);
 int bus_send(const invocation &given);
+int bus_serve(const invocation &given);
 int doctor(const invocation &given);
 int vpn(const invocation &given);
 int zones_check(const invocation &given);
@@ -33,6 +34,7 @@ constexpr command rows[] = {
     {"bus send", "NAME TYPE [DATA]", 2, 3, "tc", "sends a daemon a message, and waits until it has read it", bus_send},
     {"bus listen", "NAME [TYPE [DATA]]", 1, 3, "tc", "prints what a daemon sends, after sending it a message",
      bus_listen},
+    {"bus serve", "NAME [REPLIES]", 1, 2, "tc", "stands in for a daemon", bus_serve},
     {"doctor", "", 0, 0, "", "what of the set-up is missing or wrong", doctor},
     {"vpn", "[PEER]", 0, 1, "", "connections, and what their state files say", vpn},
 };

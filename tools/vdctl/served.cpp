@@ -71,7 +71,7 @@ void find_process(served_name &served, unsigned long inode)
     const fs::directory_iterator none;
     for (fs::directory_iterator process{"/proc", ended}; process != none; process.increment(ended)) {
         const std::string number = process->path().filename();
-        if (number.find_first_not_of("0123456789") != number.npos)
+        if (number.find_first_not_of("0123456789") != std::string::npos)
             continue;
         for (fs::directory_iterator fd{process->path() / "fd", ended}; fd != none; fd.increment(ended)) {
             if (fs::read_symlink(fd->path(), ended) != wanted)
