@@ -158,7 +158,7 @@ void uci_perror(struct uci_context *ctx, const char *prefix);
 void uci_get_errorstr(struct uci_context *ctx, char **dest, const char *prefix);
 
 /**
- * Loads a package from the configuration directory and applies the change files to it.
+ * Loads a package from the configuration directory and applies the change files to it, but those that it may not open.
  *
  * name     the package; a name that begins with "/" or "./" is the path of a file without change files
  * package  receives the package, unless NULL; left as it was on failure
@@ -195,7 +195,13 @@ int uci_lookup_next(struct uci_context *ctx, struct uci_element **e, struct uci_
  */
 int uci_set(struct uci_context *ctx, struct uci_ptr *ptr);
 
-/** Appends an anonymous section. res receives it. */
+/**
+ * Appends an anonymous section.
+ *
+ * type  printable ASCII characters without blanks, quotes, '#', ';' and '\'; any other gives UCI_ERR_INVAL, as uci_set
+ *       does
+ * res   receives the section
+ */
 int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *type, struct uci_section **res);
 
 /** Appends an item to a list option, which is made if missing; a string option becomes the first item of the list. */
