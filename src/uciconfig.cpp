@@ -160,6 +160,17 @@ loaded_package load_config(const char *name)
     return loaded;
 }
 
+uci_handle new_state_context()
+{
+    uci_handle ctx{uci_alloc_context()};
+    if (!ctx)
+        return nullptr;
+    uci_add_delta_path(ctx.get(), ctx->savedir); // "duplicate" where libuci has it in the list from the start
+    if (uci_set_savedir(ctx.get(), state_directory) != UCI_OK)
+        return nullptr; // it would save run-time values where they count as configuration
+    return ctx;
+}
+
 uci_ptr option_change(uci_section *section, const char *option, const char *value)
 {
     uci_ptr change{};

@@ -2,7 +2,6 @@
 
 #include "loaded_package.hpp"
 #include "log.hpp"
-#include "paths.hpp"
 #include "uciconfig.h"
 
 #include <cstdarg>
@@ -32,17 +31,6 @@ int load_into(uci_context **ctx, uci_package **package, const char *name)
 } // namespace
 
 namespace vandrel {
-
-uci_handle new_state_context()
-{
-    uci_handle ctx{uci_alloc_context()};
-    if (!ctx)
-        return nullptr;
-    uci_add_delta_path(ctx.get(), ctx->savedir); // "duplicate" where libuci has it in the list from the start
-    if (uci_set_savedir(ctx.get(), state_directory) != UCI_OK)
-        return nullptr; // it would save run-time values where they count as configuration
-    return ctx;
-}
 
 loaded_package load_state(const char *name)
 {
