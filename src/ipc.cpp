@@ -46,7 +46,7 @@ void dispatch(int fd, json_object *message, ipc_callback default_callback)
     if (!json_object_is_type(type, json_type_string))
         return;
     std::size_t length = 0;
-    const char *quoted = json_object_to_json_string_length(type, JSON_C_TO_STRING_SPACED, &length);
+    const char *quoted = json_text(type, length);
     if (!quoted)
         return;
     const_cast<char *>(quoted)[length - 1] = '\0'; // in the type's own buffer, which nobody else sees

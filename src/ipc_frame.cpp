@@ -1,5 +1,6 @@
 #include "ipc_frame.hpp"
 
+#include "json.hpp"
 #include "json_census.hpp"
 #include "lasting.hpp"
 
@@ -103,7 +104,7 @@ bool outgoing_frame::make_text()
 {
     if (text_)
         return true;
-    text_ = json_object_to_json_string_length(object_, JSON_C_TO_STRING_SPACED, &body_bytes_);
+    text_ = json_text(object_, body_bytes_);
     ++body_bytes_;
     return text_ != nullptr;
 }

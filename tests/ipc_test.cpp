@@ -945,6 +945,51 @@ TEST_F(ipc_test, a_frame_is_queued_whole_or_refused_without_memory)
     }
 }
 
+TEST_F(ipc_test, a_text_that_json_c_cuts_without_memory_is_made_again_or_refused)
+{
+    server();
+    const std::string text = text_of(20'000);
+    const struct {
+        int refusal; // the third allocation is the room that the text needs
+        int left_errno, result;
+        const char *said;
+    } cases[] = {{3, 0, 0, ""}, {9, ENOMEM, 0, ""}, {3, ENOMEM, -1, "write: Cannot allocate memory\n"}};
+    for (const auto &[refusal, left_errno, result, said] : cases) {
+        const auto [fd, handle] = peer();
+        json_object *object = json_tokener_parse(text.c_str());
+        testing::internal::CaptureStderr();
+        int written = 1;
+        {
+            const misleading_errno leave{left_errno};
+            const allocation_refusal refuse{refusal, "libjson-c.so"};
+            written = ipc_write(handle, object);
+        }
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), said);
+        EXPECT_EQ(written, result);
+        json_object_put(object);
+        EXPECT_EQ(write_to(handle, "[]"), 0);
+        const std::string want = (result == 0 ? frame(text + '\0') : "") + frame("[ ]\0"s);
+        EXPECT_EQ(receive(fd, want.size()), want);
+    }
+}
+
+TEST_F(ipc_test, a_type_that_json_c_cuts_without_memory_is_made_again)
+{
+    server();
+    const int fd = peer().first;
+    const std::string type(40, 't');
+    bool refused = false;
+    for (int n = 30; !refused && n > 0; --n) { // down to the last allocation for a message, which is room for its type
+        heard.clear();
+        send(fd, frame(R"({"type":")" + type + "\"}\0"s));
+        const allocation_refusal refuse{n, "libjson-c.so"};
+        run();
+        refused = refuse.happened();
+        EXPECT_EQ(heard, strings{"default " + type + " -"}) << n;
+    }
+    EXPECT_TRUE(refused);
+}
+
 TEST_F(ipc_test, refused_memory_leaves_the_bus_working)
 {
     static int arrived;
