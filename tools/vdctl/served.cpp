@@ -89,7 +89,8 @@ void describe(served_name &served, const kernel_sockets &sockets)
     if (sockets.listeners.empty())
         return;
     served.by = sockets.listeners.size() == 1 ? serving::one : serving::two;
-    find_process(served, std::ranges::max(sockets.listeners)); // the newest
+    if (served.by == serving::one) // of two, the kernel does not say which can be reached
+        find_process(served, sockets.listeners.front());
 }
 
 /// The name in "ipc_NAME.sock", or nothing.

@@ -16,7 +16,7 @@ enum class serving { nobody, one, two }; // processes that listen under the name
 struct served_name {
     std::string name;
     serving by = serving::nobody;
-    std::optional<pid_t> pid; // of the listener, where the kernel tells (to root, and to its own user)
+    std::optional<pid_t> pid; // of the one listener, where the kernel tells (to root, and to its own user)
     std::string command;      // its program
     uid_t user = 0;           // of the socket file
     gid_t group = 0;
