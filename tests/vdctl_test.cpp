@@ -114,6 +114,47 @@ TEST_F(vdctl_test, prints_what_the_documents_show)
     daemon.end_with(SIGKILL);
 }
 
+TEST_F(vdctl_test, completes_words)
+{
+    const std::string hostile = R"json("$(reboot)": {"type": "port", "direction": "out"},
+        "a b": {"type": "port", "direction": "out"}, )json";
+    write_file(zones_file, example_file().insert(example_file().find("\"token-A\""), hostile));
+    const struct {
+        const char *words, *output;
+    } cases[] = {
+        {"''", "bus\ndoctor\nvpn\nzones\n"},
+        {"z", "zones\n"},
+        {"zones w", "who\nwhy\n"},
+        {"zones ''", "check\ndiff\nmatrix\nreach\nwho\nwhy\n"},
+        {"-q zones w", "who\nwhy\n"},
+        {"nothing ''", ""},
+        {"--q", "--quiet\n"},
+        {"zones why --", "--file\n--help\n--json\n--no-schedule\n--quiet\n--version\n"},
+        {"zones why ''", "token-A\ntoken-B\n"},
+        {"zones why -f new.json token-B ''", "lan1\ntoken-A\ntoken-B\n"},
+        {"zones why --file=new.json token-B l", "lan1\n"},
+        {"zones why -nf ''", ""},
+        {"zones why a b ''", ""},
+        {"zones check ''", ""},
+        {"vpn ''", "token-A\ntoken-B\n"},
+        {"bus call ''", ""},
+    };
+    for (const auto &[words, output] : cases) {
+        const outcome found = run(std::string{"vdctl --complete "} + words);
+        EXPECT_EQ(found.status, 0) << words;
+        EXPECT_EQ(found.output, output) << words;
+        EXPECT_EQ(found.errors, "") << words;
+    }
+    std::filesystem::remove(zones_file);
+    EXPECT_EQ(run("vdctl --complete zones why ''").output, "");
+    EXPECT_EQ(run("vdctl --complete").status, 0);
+    EXPECT_EQ(run("bash -c '. " + host_path(SOURCE_DIR) +
+                  "/tools/vdctl/completion.bash; COMP_WORDS=(vdctl zones w rest) COMP_CWORD=2; _vdctl vdctl; "
+                  "echo ${#COMPREPLY[*]} ${COMPREPLY[*]}'")
+                  .output,
+              "2 who why\n");
+}
+
 TEST_F(vdctl_test, refuses_wrong_usage_with_the_nearest_word)
 {
     const struct {

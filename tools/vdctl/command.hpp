@@ -5,6 +5,7 @@
 
 #include <map>
 #include <span>
+#include <string_view>
 #include <vector>
 
 namespace vdctl {
@@ -54,6 +55,7 @@ struct option {
     const char *purpose;
 };
 
+inline constexpr std::string_view common_options = "jqhV"; // which every command has
 extern const std::span<const command> commands;
 extern const std::span<const option> options;
 

@@ -1,6 +1,7 @@
 // vdctl: asks, checks and explains the access zones, the message bus and the set-up of a device. Here are its grammar
 // and its help; commands.cpp lists the commands.
 #include "command.hpp"
+#include "complete.hpp"
 #include "output.hpp"
 
 #include <algorithm>
@@ -13,8 +14,6 @@
 namespace {
 
 using namespace vdctl;
-
-constexpr std::string_view common_options = "jqhV";
 
 const command *current = nullptr; // whose usage helps, once it is known
 
@@ -235,6 +234,8 @@ int help(std::span<const char *const> words)
 
 int run(std::span<char *> arguments)
 {
+    if (!arguments.empty() && std::strcmp(arguments[0], "--complete") == 0)
+        return complete(arguments.subspan(1));
     invocation given = command_line{arguments}.given;
     set_style(given.has('j'), given.has('q') && !given.has('h') && !given.has('V'));
     if (given.has('V')) {
