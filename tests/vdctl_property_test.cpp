@@ -54,8 +54,8 @@ private:
     {
         static constexpr const char *keys[] = {"1", "2", "3", "4", "5", "007", "no"};
         static constexpr const char *flags[] = {"true", "true", "false", "\"true\"", "null"};
-        std::string zone =
-            '"' + std::string{one_of(keys)} + R"(": {"disabled": )" + (below(6) ? "false" : one_of(flags));
+        std::string zone = '"' + std::string{one_of(keys)}; // one draw a statement: every compiler makes the same file
+        zone += std::string{R"(": {"disabled": )"} + (below(6) ? "false" : one_of(flags));
         zone += std::string{R"(, "deny_between_keys": )"} + (below(2) ? "false" : one_of(flags));
         zone += std::string{R"(, "deny_between_locks": )"} + (below(2) ? "false" : one_of(flags));
         zone += ",\n\"members\": {";
@@ -220,7 +220,8 @@ TEST_F(vdctl_property, explains_what_the_library_says)
     write_script("/usr/share/vandrel/check_zone_scheduled_access.lua", odd_zones_closed);
     std::map<std::string, unsigned> reasons;
     unsigned asked = 0;
-    for (unsigned seed = 1; asked < wanted_questions() && !HasFailure(); ++seed) {
+    constexpr unsigned times = 5; // as many as near misses: a question costs less, and the rarest reason needs them
+    for (unsigned seed = 1; asked < times * wanted_questions() && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const std::string text = generated{seed}.text;
         const zone_reading zones = read_text(text);
