@@ -51,42 +51,44 @@ std::size_t utf8_length(uint32_t code_point)
 
 constexpr std::size_t replacement_length = 3; // of what stands for half a surrogate pair
 
-void count(json_object *value, json_counts &counts)
+} // namespace
+
+void json_counts::add(json_object *tree)
 {
-    switch (json_object_get_type(value)) {
+    switch (json_object_get_type(tree)) {
     case json_type_object: {
-        ++counts.objects;
-        json_object_object_foreach(value, name, item)
-        {
-            ++counts.keys;
-            counts.text_bytes += std::strlen(name);
-            count(item, counts);
-        }
+        ++objects;
+        json_object_object_foreach(tree, name, value) add(name, value);
         break;
     }
     case json_type_array:
-        ++counts.arrays;
-        for (std::size_t i = 0; i < json_object_array_length(value); ++i)
-            count(json_object_array_get_idx(value, i), counts);
+        ++arrays;
+        for (std::size_t i = 0; i < json_object_array_length(tree); ++i)
+            add(json_object_array_get_idx(tree, i));
         break;
     case json_type_string:
-        ++counts.texts;
-        counts.text_bytes += static_cast<std::size_t>(json_object_get_string_len(value));
+        ++texts;
+        text_bytes += static_cast<std::size_t>(json_object_get_string_len(tree));
         break;
     case json_type_null:
-        ++counts.nulls;
+        ++nulls;
         break;
     default:
-        ++counts.scalars;
+        ++scalars;
     }
 }
 
-} // namespace
+void json_counts::add(const char *key, json_object *tree)
+{
+    ++keys;
+    text_bytes += std::strlen(key);
+    add(tree);
+}
 
 json_counts counts_of(json_object *tree)
 {
     json_counts counts;
-    count(tree, counts);
+    counts.add(tree);
     return counts;
 }
 

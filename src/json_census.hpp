@@ -21,6 +21,8 @@ struct json_counts {
     std::size_t keys = 0;
     std::size_t text_bytes = 0; // of keys and texts, decoded
 
+    void add(json_object *tree);
+    void add(const char *key, json_object *tree);
     bool operator==(const json_counts &) const = default;
 };
 

@@ -5,7 +5,7 @@
 #include "ip_calculation.h"
 #include "json.hpp"
 #include "json_census.hpp"
-#include "json_tree.hpp"
+#include "json_document.hpp"
 #include "log.hpp"
 #include "mac.h"
 #include "paths.hpp"
@@ -16,6 +16,7 @@
 #include <cstring>
 #include <new>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -29,7 +30,22 @@ using namespace vandrel;
 
 constexpr char log_module[] = "zones.c";
 
-constexpr std::size_t chunk_size = std::size_t{64} * 1024; // of the file
+/// What is read and counted of a document. A document that turns out not to be whole leaves no trace: what is to be
+/// logged waits here.
+struct reading {
+    struct message {
+        int priority;
+        std::string text;
+    };
+
+    std::optional<zone_records> records;
+    bool is_complete = false;
+    json_counts counts;
+    std::vector<message> messages;
+
+    void warn(std::string text) { messages.push_back({LOG_WARNING, std::move(text)}); }
+    void report(std::string text) { messages.push_back({LOG_ERR, std::move(text)}); }
+};
 
 // A JSON value is borrowed from its document, and null where the file has null or nothing.
 
@@ -40,12 +56,12 @@ const char *text_of(json_object *value)
     return text ? text : throw std::bad_alloc{};
 }
 
-uint8_t flag_of(json_object *value)
+uint8_t flag_of(json_object *value, reading &out)
 {
     if (!value)
         return 0;
     if (!json_object_is_type(value, json_type_boolean)) {
-        log_warning("Invalid type for field disabled"); // whichever field it is
+        out.warn("Invalid type for field disabled"); // whichever field it is
         return 0;
     }
     return json_object_get_boolean(value) ? 1 : 0;
@@ -117,7 +133,7 @@ bool read_range(zone_member &member, const member_fields &fields)
     return true;
 }
 
-bool read_network(zone_member &member, const member_fields &fields)
+bool read_network(zone_member &member, const member_fields &fields, reading &out)
 {
     if (!fields.address_start)
         return false;
@@ -126,7 +142,7 @@ bool read_network(zone_member &member, const member_fields &fields)
     member.start.ip = ip_parse(text_of(fields.address_start));
     member.end.ip = ip_uint32_netmask_from_str(netmask, std::strlen(netmask));
     if (member.end.ip == 0 && member.start.ip != 0) {
-        log_warning("Failed to parse netmask %s", netmask);
+        out.warn(std::string{"Failed to parse netmask "} + netmask);
         return false;
     }
     return true;
@@ -149,7 +165,7 @@ bool read_mac_range(zone_member &member, const member_fields &fields)
     return !fields.address_end || read_mac(member.end.mac, fields.address_end);
 }
 
-bool read_member(zone_member &member, const char *name, const member_fields &fields)
+bool read_member(zone_member &member, const char *name, const member_fields &fields, reading &out)
 {
     member.type = keyword_of(fields.type, types_by_text, ZONE_MEMBER_INVALID);
     member.direction = keyword_of(fields.direction, directions_by_text, ZONE_DIRECTION_INVALID);
@@ -161,7 +177,7 @@ bool read_member(zone_member &member, const char *name, const member_fields &fie
         member.start = cut_name(name, port_name_length);
         return true;
     case ZONE_MEMBER_IP_RANGE:
-        return fields.netmask ? read_network(member, fields) : read_range(member, fields);
+        return fields.netmask ? read_network(member, fields, out) : read_range(member, fields);
     case ZONE_MEMBER_MAC_RANGE:
         return read_mac_range(member, fields);
     default:
@@ -169,41 +185,41 @@ bool read_member(zone_member &member, const char *name, const member_fields &fie
     }
 }
 
-void read_members(json_object *members, zone_records &records)
+void read_members(json_object *members, reading &out)
 {
     json_object_object_foreach(members, name, value)
     {
         if (!value)
             continue;
         const member_fields fields = fields_of(value);
-        if (flag_of(fields.disabled))
+        if (flag_of(fields.disabled, out))
             continue;
-        if (zone_member member{}; read_member(member, name, fields))
-            records.members.push_back(member);
+        if (zone_member member{}; read_member(member, name, fields, out))
+            out.records->members.push_back(member);
         else
-            log_warning("%s parsing failed", name);
+            out.warn(std::string{name} + " parsing failed");
     }
 }
 
 /// Says whether the zone is complete; one without members is not. One that is not to be loaded is.
-bool read_zone(const char *key, json_object *object, zone_records &records)
+bool read_zone(const char *key, json_object *object, reading &out)
 {
     const char *fault;
     const auto id = static_cast<int32_t>(strtonum(key, 0, INT_MAX, &fault));
-    if (fault || flag_of(member_of(object, "disabled")))
+    if (fault || flag_of(member_of(object, "disabled"), out))
         return true;
-    zone &loaded = records.zones.emplace_back();
+    zone &loaded = out.records->zones.emplace_back();
     loaded.id = id;
-    loaded.members = static_cast<uint32_t>(records.members.size());
+    loaded.members = static_cast<uint32_t>(out.records->members.size());
     json_object *members = member_of(object, "members");
     if (!members)
         return false;
-    loaded.deny_between_keys = flag_of(member_of(object, "deny_between_keys"));
-    loaded.deny_between_locks = flag_of(member_of(object, "deny_between_locks"));
+    loaded.deny_between_keys = flag_of(member_of(object, "deny_between_keys"), out);
+    loaded.deny_between_locks = flag_of(member_of(object, "deny_between_locks"), out);
     if (json_object_is_type(members, json_type_object))
-        read_members(members, records);
+        read_members(members, out);
     else
-        log_error("Zone members is wrong type");
+        out.report("Zone members is wrong type");
     return true;
 }
 
@@ -222,71 +238,52 @@ void reserve(zone_records &records, json_object *zones)
     records.members.reserve(members);
 }
 
-/// Reads and deletes all zones. Says whether all are complete.
-bool take_zones(json_object *zones, zone_records &records)
+/// Counts, reads and deletes each zone in turn, while it is in the processor's caches. Says whether all are complete.
+bool take_zones(json_object *zones, reading &out)
 {
     if (!json_object_is_type(zones, json_type_object)) {
-        log_error("Unexpected json type found, see RACK-457");
+        out.report("Unexpected json type found, see RACK-457");
         return false;
     }
-    reserve(records, zones);
+    reserve(*out.records, zones);
     bool is_complete = true;
     json_object_object_foreach(zones, key, value)
     {
-        if (value && !read_zone(key, value, records))
+        out.counts.add(key, value);
+        if (value && !read_zone(key, value, out))
             is_complete = false;
-        json_object_object_del(zones, key); // at once, while it is in the processor's caches
+        json_object_object_del(zones, key);
+        join_freed_blocks();
     }
     return is_complete;
 }
 
-/// What json-c makes of a file, and what stands in it. Without a document, the file can't be parsed. One that is null
-/// means that the file says so, or that memory ran out.
-struct parsing {
-    std::optional<json_handle> document;
-    json_counts counts;
-};
-
-parsing parse(int fd)
+reading read_document(const json_handle &document)
 {
-    const tokener_handle tokener{json_tokener_new()};
-    if (!tokener)
-        throw std::bad_alloc{};
-    std::vector<char> chunk(chunk_size);
-    json_census census;
-    json_handle document;
-    do {
-        const ssize_t length = uninterrupted([&] { return read(fd, chunk.data(), chunk.size()); });
-        if (length <= 0)
-            return {};
-        census.read({chunk.data(), static_cast<std::size_t>(length)});
-        document.reset(json_tokener_parse_ex(tokener.get(), chunk.data(), static_cast<int>(length)));
-    } while (json_tokener_get_error(tokener.get()) == json_tokener_continue);
-    const json_tokener_error error = json_tokener_get_error(tokener.get());
-    if (error > json_tokener_error_size) // for want of memory, which json-c tells from 0.17 on
-        throw std::bad_alloc{};
-    if (error != json_tokener_success)
-        return {};
-    return {std::move(document), census.counts()};
+    reading out;
+    if (json_object *zones = member_of(member_of(document.get(), "zone_configuration"), "zones")) {
+        out.records.emplace();
+        out.is_complete = take_zones(zones, out);
+    }
+    out.counts.add(document.get()); // what is left of it
+    return out;
 }
 
-/// Null where the file can't be parsed. Throws when memory runs out: a document that lacks a part of the file could
-/// allow more than the file says.
-json_handle parse_whole(int fd)
+/// None where the file can't be parsed or says null. A document that lacks a part of the file could allow more than the
+/// file says.
+std::optional<reading> read_whole(int fd)
 {
-    parsing first = parse(fd);
-    if (!first.document)
-        return nullptr;
-    if (counts_of(first.document->get()) == first.counts)
-        return std::move(*first.document);
-    // A part is lost, or the file has equal keys. While the first document keeps its memory, a second one lacks the
-    // same part only if none of it was lost for want of memory.
-    if (lseek(fd, 0, SEEK_SET) != 0)
-        throw std::bad_alloc{};
-    const parsing second = parse(fd);
-    if (!second.document || !is_same_tree(first.document->get(), second.document->get()))
-        throw std::bad_alloc{};
-    return std::move(*first.document);
+    {
+        json_parsing first = parse_json(fd);
+        if (!first.document)
+            return std::nullopt;
+        reading out = read_document(*first.document);
+        if (out.counts == first.counts)
+            return *first.document ? std::optional{std::move(out)} : std::nullopt;
+    }
+    // A part is lost, or the file has equal keys.
+    const json_handle document = parse_json_twice(fd);
+    return document ? std::optional{read_document(document)} : std::nullopt;
 }
 
 } // namespace
@@ -299,13 +296,12 @@ std::optional<zone_file> read_zone_file()
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0)
         return std::nullopt;
-    const json_handle document = parse_whole(fd.get());
-    if (!document)
+    std::optional<reading> whole = read_whole(fd.get());
+    if (!whole)
         return std::nullopt;
-    zone_file file{status.st_mtime, std::nullopt, false};
-    if (json_object *zones = member_of(member_of(document.get(), "zone_configuration"), "zones"))
-        file.is_complete = take_zones(zones, file.records.emplace());
-    return file;
+    for (const auto &[priority, text] : whole->messages)
+        log_at(priority, -1, "%s", text.c_str());
+    return zone_file{status.st_mtime, std::move(whole->records), whole->is_complete};
 }
 
 } // namespace vandrel
