@@ -1,8 +1,10 @@
 #include "vpnstate.h"
 
+#include "boundary.hpp"
 #include "handles.hpp"
 #include "ip_calculation.h"
 #include "json.hpp"
+#include "json_document.hpp"
 #include "log.hpp"
 #include "paths.hpp"
 #include "sizes.hpp"
@@ -163,7 +165,7 @@ json_handle parse_file(const char *path)
         return nullptr;
     }
     const unique_fd fd = open_regular(path);
-    json_handle document{fd ? json_object_from_fd(fd.get()) : nullptr};
+    json_handle document = guarded(json_handle{}, [&] { return fd ? parse_whole_json(fd.get()) : nullptr; });
     if (!document)
         log_warning("Parsing VPN state JSON file failed");
     return document;
