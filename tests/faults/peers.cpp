@@ -33,6 +33,7 @@ constexpr int quick_clients = 449; // of the answering time
 constexpr int stalled_clients = 50;
 constexpr int rounds = 20;      // of measuring, by turns with and without the stalled
 constexpr int questions = 1000; // in each round
+constexpr int attempts = 3;     // where the machine has something else to do meanwhile
 constexpr char socket_path[] = "/var/run/vandrel/ipc_peers.sock";
 
 struct counts {
