@@ -64,7 +64,7 @@ typedef void (*ipc_callback)(int fd, const char *type, struct json_object *data)
 int ipc_server_new(const char *name, struct event_base *base, ipc_callback default_callback);
 
 /**
- * Connects to the server of another daemon, waiting until that has happened or failed.
+ * Connects to the server of another daemon, waiting until that has happened or failed; a signal ends no wait.
  *
  * name              the other daemon's name, up to 80 characters (the path is cut after 106).
  * base              must outlive the connection.

@@ -180,7 +180,8 @@ unique_fd connect_client(const char *name)
     unique_fd fd{socket(AF_UNIX, SOCK_STREAM, 0)};
     const sockaddr_un address = socket_address(name, client_path_size);
     log_info("Connect client to %s", address.sun_path);
-    if (connect(fd.get(), as_sockaddr(address), sizeof address) != 0) { // fails for a missing socket too
+    const int result = uninterrupted([&] { return connect(fd.get(), as_sockaddr(address), sizeof address); });
+    if (result != 0) { // also for a missing socket
         log_warning_errno("connect");
         fd.reset();
     }

@@ -765,6 +765,26 @@ TEST_F(ipc_test, a_client_connects_or_leaves_nothing)
     EXPECT_EQ(log(), records{warning("connect", "ipc.c", EINVAL)});
 }
 
+TEST_F(ipc_test, signals_end_no_wait_for_a_server)
+{
+    server();
+    do
+        raw.push_back(connect_to_server(SOCK_NONBLOCK));
+    while (raw.back() >= 0); // until its queue is full
+    const process client{[] {
+        const interruptions while_it_waits;
+        return ipc_client_new("test", event_base_new(), by_default) >= 0 ? '+' : '-';
+    }};
+    char result = ' ';
+    for (int looks = 50; looks > 0 && result == ' '; --looks) {
+        usleep(5000);
+        result = client.result();
+    }
+    EXPECT_EQ(result, ' ') << "it waits";
+    EXPECT_TRUE(run_until([&] { return result != ' ' || (result = client.result()) != ' '; }));
+    EXPECT_EQ(result, '+');
+}
+
 TEST_F(ipc_test, sigpipe_is_caught_where_nobody_else_handles_it)
 {
     const sighandler_t own = [](int) {};
