@@ -55,25 +55,29 @@ void dispatch(int fd, json_object *message, ipc_callback default_callback)
         handler(fd, text, member_of(message, "data"));
 }
 
+/// Whether there are both; if not, says so as a failure of what was to be done.
+bool has_name_and_base(const char *name, const event_base *base, const char *task)
+{
+    if (name && base)
+        return true;
+    errno = EINVAL;
+    log_warning_errno("%s", task);
+    return false;
+}
+
 } // namespace
 
 int ipc_server_new(const char *name, event_base *base, ipc_callback default_callback)
 {
-    if (!name || !base) {
-        errno = EINVAL;
-        log_warning_errno("cannot bind");
+    if (!has_name_and_base(name, base, "cannot bind"))
         return -1;
-    }
     return open_server(name, base, dispatch, default_callback);
 }
 
 int ipc_client_new(const char *name, event_base *base, ipc_callback default_callback)
 {
-    if (!name || !base) {
-        errno = EINVAL;
-        log_warning_errno("connect");
+    if (!has_name_and_base(name, base, "connect"))
         return -1;
-    }
     unique_fd fd = connect_client(name);
     const int handle = fd.get();
     return fd && add_connection(std::move(fd), base, dispatch, default_callback) ? handle : -1;
