@@ -1,5 +1,7 @@
 #include "json_census.hpp"
 
+#include "digit.hpp"
+
 #include <algorithm>
 #include <cstring>
 
@@ -14,11 +16,6 @@ constexpr std::size_t safe_number_length = 31; // which fits into json-c's buffe
 bool is_blank(char c)
 {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
-bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
 }
 
 char lower(char c)

@@ -1,5 +1,6 @@
 #include "netutil.h"
 
+#include "digit.hpp"
 #include "log.hpp"
 #include "sizes.hpp"
 #include "util.h"
@@ -23,11 +24,6 @@ constexpr int highest_vlan = 4095;
 bool is_letter(char c)
 {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
 }
 
 std::optional<int32_t> parse_number(const char *text, int highest)
