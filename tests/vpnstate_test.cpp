@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <climits>
+#include <csignal>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -227,6 +230,44 @@ TEST_F(vpnstate, state_without_memory_is_not_loaded)
                                         : warning("Failed to load VPN state", "vpnstate.c")})
             << n;
     }
+}
+
+/// What a load gives in which json-c's n-th allocation is refused.
+enum class loaded { whole, in_part, nothing, not_refused, crashed };
+
+static loaded load_with_refusal(int n)
+{
+    const pid_t child = fork(); // json-c crashes where it has no memory for the copy of a key
+    if (child == 0) {
+        signal(SIGSEGV, SIG_DFL);
+        const allocation_refusal refuse{n, "libjson-c.so"};
+        const state_handle state{vpnstate_load("peer")};
+        const bool is_whole = state && state->proto && state->dev && state->state == 2;
+        _exit(static_cast<int>(!state              ? loaded::nothing
+                               : !is_whole         ? loaded::in_part
+                               : refuse.happened() ? loaded::whole
+                                                   : loaded::not_refused));
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? static_cast<loaded>(WEXITSTATUS(status)) : loaded::crashed;
+}
+
+TEST_F(vpnstate, no_record_lacks_what_json_c_loses)
+{
+    for (const char *content : {R"({"proto": "udp", "dev": "tun0", "state": 2})",
+                                R"({"proto": "udp", "dev": "tun0", "state": 1, "state": 2})"}) {
+        write_file(directory + "peer.json", content);
+        loaded found = loaded::whole;
+        int n = 1;
+        for (; n < 200 && found != loaded::not_refused; ++n) {
+            found = load_with_refusal(n);
+            EXPECT_NE(found, loaded::in_part) << content << ", allocation " << n;
+        }
+        EXPECT_EQ(found, loaded::not_refused) << content;
+        EXPECT_GT(n, 10) << content;
+    }
+    log();
 }
 
 TEST_F(vpnstate, what_cannot_be_loaded_is_told_and_never_waited_for)
