@@ -1,8 +1,8 @@
 // What a message costs on the bus: CPU time of all processes together, on one CPU, as a ratio to the floor: plain epoll
 // sockets that send the same bytes and do the same work with json-c. The floor keeps its tokener from one message to
-// the next, as the bus does; it trusts its peer, looks no handler up and never has to wait for a full socket. Both
-// sides are measured in turns in one run, the quickest of each counts. An argument chooses the subjects whose title
-// contains it.
+// the next, as the bus does; it trusts its peer, looks no handler up, and simply waits where a socket is full. Both
+// sides are measured in turns in one run, the quickest of each counts. Then the same of 500 connections beside one, and
+// the heap of an idle connection. An argument chooses the subjects whose title contains it.
 #include "device.hpp"
 #include "ipc.h"
 
@@ -19,6 +19,7 @@
 #include <endian.h>
 #include <event2/event.h>
 #include <json-c/json.h>
+#include <malloc.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -33,11 +34,14 @@ constexpr char name[] = "bench";
 constexpr char socket_path[] = "/var/run/vandrel/ipc_bench.sock";
 constexpr int repeats = 21;
 
+enum class counted { both, server }; // whose CPU time
+
 /// A client process with some connections and a server process play rounds. The client begins one by sending messages,
-/// spread over its connections ("client"), or the server by sending one to each connection ("server"); when all of it
-/// has arrived, the other side answers with one message.
+/// on its connections in turn, or the server by sending the same to each connection; when all of it has arrived, the
+/// other side answers with one message.
 struct subject {
     const char *title;
+    counted whose;
     bool client_sends;
     int connections;
     int messages; // in a round
@@ -45,14 +49,23 @@ struct subject {
     int rounds;
     double allowed;
 };
+constexpr subject on_one{"round trip, 100 bytes", counted::both, true, 1, 1, 60, 10'000, 1.5};
+constexpr subject on_500{"round trip, 100 bytes, 500 connections", counted::both, true, 500, 1, 60, 20'000, 1.5};
 constexpr std::array subjects{
-    subject{"round trip, 100 bytes", true, 1, 1, 60, 10'000, 1.5},
-    subject{"round trip, 10 kB", true, 1, 1, 10'000, 4'000, 1.1},
-    subject{"one way, 100 bytes, 1 connection", true, 1, 50, 60, 4'000, 1.2},
-    subject{"one way, 100 bytes, 50 connections", true, 50, 50, 60, 800, 1.5},
-    subject{"publish 100 bytes to 50 subscribers", false, 50, 50, 60, 800, 1.5},
-    subject{"publish 10 kB to 50 subscribers", false, 50, 50, 10'000, 200, 1.5},
+    on_one,
+    subject{"round trip, 10 kB", counted::both, true, 1, 1, 10'000, 4'000, 1.1},
+    on_500,
+    subject{"one way, 100 bytes, 1 connection", counted::both, true, 1, 50, 60, 4'000, 1.2},
+    subject{"one way, 100 bytes, 50 connections", counted::both, true, 50, 50, 60, 800, 1.5},
+    subject{"publish 100 bytes to 50", counted::both, false, 50, 50, 60, 800, 1.5},
+    subject{"publish 10 kB to 50", counted::both, false, 50, 50, 10'000, 200, 1.5},
+    subject{"publish 20 times 10 kB to 50", counted::both, false, 50, 1000, 10'000, 20, 1.3},
+    subject{"the same, the publisher alone", counted::server, false, 50, 1000, 10'000, 20, 1.3},
+    subject{"publish 60 times 10 kB to 50", counted::both, false, 50, 3000, 10'000, 8, 1.5},
 };
+constexpr double allowed_of_500 = 1.5; // times what a round trip on one connection costs
+constexpr int idle_connections = 500;
+constexpr double allowed_bytes = 2048; // of an idle connection
 
 subject now;      // what is being measured
 std::string data; // of the messages
@@ -62,6 +75,7 @@ struct {
     bool is_server = false;
     int arrived = 0;
     int rounds_left = 0;
+    std::size_t sent = 0;
     std::vector<int> connections;
 } self;
 
@@ -71,6 +85,11 @@ json_object *new_message(const char *type)
     json_object_object_add(message, "type", json_object_new_string(type));
     json_object_object_add(message, "data", json_object_new_string_len(data.data(), static_cast<int>(data.size())));
     return message;
+}
+
+int next_connection()
+{
+    return self.connections[self.sent++ % self.connections.size()];
 }
 
 int expected_in_a_round()
@@ -96,14 +115,16 @@ void bus_send_messages()
     if (now.client_sends) {
         for (int i = 0; i < now.messages; ++i) {
             json_object *message = new_message("question");
-            ipc_write(self.connections[static_cast<std::size_t>(i % now.connections)], message);
+            ipc_write(next_connection(), message);
             json_object_put(message);
         }
         return;
     }
-    json_object *message = new_message("question");
-    ipc_server_write_to_subscribers("question", message);
-    json_object_put(message);
+    for (int i = 0; i < now.messages; i += now.connections) {
+        json_object *message = new_message("question");
+        ipc_server_write_to_subscribers("question", message);
+        json_object_put(message);
+    }
 }
 
 void bus_take_turn(int fd)
@@ -192,6 +213,8 @@ void append_message(int fd, const char *type)
 void flush(int fd) // a round always fits into the socket
 {
     std::string &output = peers[static_cast<std::size_t>(fd)].output;
+    if (output.empty())
+        return;
     if (write(fd, output.data(), output.size()) != static_cast<ssize_t>(output.size()))
         std::abort();
     output.clear();
@@ -201,17 +224,19 @@ void raw_send_messages()
 {
     if (now.client_sends) {
         for (int i = 0; i < now.messages; ++i)
-            append_message(self.connections[static_cast<std::size_t>(i % now.connections)], "question");
+            append_message(next_connection(), "question");
         for (const int fd : self.connections)
             flush(fd);
         return;
     }
-    std::string frame;
-    json_object *message = new_message("question");
-    append(frame, json_object_to_json_string(message));
-    json_object_put(message);
+    std::string frames;
+    for (int i = 0; i < now.messages; i += now.connections) {
+        json_object *message = new_message("question");
+        append(frames, json_object_to_json_string(message));
+        json_object_put(message);
+    }
     for (const int fd : self.connections) {
-        if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size()))
+        if (write(fd, frames.data(), frames.size()) != static_cast<ssize_t>(frames.size()))
             std::abort();
     }
 }
@@ -339,22 +364,32 @@ pid_t start(bool is_server, void (*run)(int), int ready)
     if (pid == 0) {
         if (!std::freopen("/dev/null", "w", stderr)) // where the bus tells that the other process has ended
             std::abort();
-        self = {is_server, 0, now.rounds, {}};
+        self = {is_server, 0, now.rounds, 0, {}};
         run(ready);
         _exit(0);
     }
     return pid;
 }
 
-/// Microseconds of CPU per message, of server and client together.
-double measure(void (*server)(int), void (*client)())
+/// A way of playing rounds.
+struct side {
+    void (*server)(int);
+    void (*client)();
+};
+constexpr side bus_side{bus_server, bus_client};
+constexpr side floor_side{raw_server, raw_client};
+
+/// Microseconds of CPU per message.
+double measure(const subject &what, const side &how)
 {
     static void (*run_client)();
-    run_client = client;
+    run_client = how.client;
+    now = what;
+    data.assign(what.data_bytes, 'x');
     int ready[2];
     if (pipe(ready) != 0)
         std::abort();
-    const std::array processes{start(true, server, ready[1]), [&] {
+    const std::array processes{start(true, how.server, ready[1]), [&] {
                                    close(ready[1]);
                                    char end;
                                    if (read(ready[0], &end, 1) != 0) // until the server listens and closes its end
@@ -369,15 +404,70 @@ double measure(void (*server)(int), void (*client)())
         rusage usage{};
         if (wait4(pid, &status, 0, &usage) != pid || status != 0)
             std::abort();
-        used += cpu_microseconds(usage);
+        if (what.whose == counted::both || pid == processes.front())
+            used += cpu_microseconds(usage);
     }
-    return used / now.rounds / now.messages;
+    return used / what.rounds / what.messages;
+}
+
+/// A line of the table: one cost beside another that is measured in turns with it.
+template <typename First, typename Second> void compare(const char *title, double allowed, First first, Second second)
+{
+    double least = 1e9;
+    double least_of_second = 1e9;
+    for (int i = 0; i < repeats; ++i) {
+        least = std::min(least, first());
+        least_of_second = std::min(least_of_second, second());
+    }
+    std::printf("%-38s %7.2f us %7.2f us %8.2f %8.2f\n", title, least, least_of_second, least / least_of_second,
+                allowed);
+}
+
+// ---- memory ----
+
+int plain_client()
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const sockaddr_un at = address();
+    if (connect(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) < 0)
+        std::abort();
+    return fd;
+}
+
+/// Serves one client after the other until each has its answer.
+void serve_clients(int count)
+{
+    constexpr std::string_view question{"\0\0\0\x0f{\"type\":\"ask\"}\0", 19};
+    for (int i = 0; i < count; ++i) {
+        const int fd = plain_client();
+        if (write(fd, question.data(), question.size()) < 0)
+            std::abort();
+        char part;
+        while (recv(fd, &part, 1, MSG_DONTWAIT) != 1)
+            event_base_loop(base, EVLOOP_ONCE);
+    }
+}
+
+/// Bytes of heap for each connection that has been talked on and rests now.
+double bytes_of_idle_connection()
+{
+    base = event_base_new();
+    ipc_server_new(name, base, [](int fd, const char *type, json_object *) {
+        json_object *message = new_message(type);
+        ipc_write(fd, message);
+        json_object_put(message);
+    });
+    serve_clients(1); // what is made once
+    const std::size_t before = mallinfo2().uordblks;
+    serve_clients(idle_connections);
+    return static_cast<double>(mallinfo2().uordblks - before) / idle_connections;
 }
 
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    const auto is_chosen = [&](const char *title) { return argc < 2 || std::strstr(title, argv[1]); };
     enter_device();
     cpu_set_t one;
     CPU_ZERO(&one);
@@ -386,16 +476,16 @@ int main(int argc, char *argv[])
 
     std::printf("%-38s %10s %10s %8s %8s\n", "CPU per message, both processes", "bus", "floor", "ratio", "allowed");
     for (const subject &each : subjects) {
-        if (argc > 1 && !std::strstr(each.title, argv[1]))
-            continue;
-        now = each;
-        data.assign(each.data_bytes, 'x');
-        double bus = 1e9;
-        double floor = 1e9;
-        for (int i = 0; i < repeats; ++i) {
-            bus = std::min(bus, measure(bus_server, bus_client));
-            floor = std::min(floor, measure(raw_server, raw_client));
-        }
-        std::printf("%-38s %7.2f us %7.2f us %8.2f %8.2f\n", each.title, bus, floor, bus / floor, each.allowed);
+        if (is_chosen(each.title))
+            compare(
+                each.title, each.allowed, [&] { return measure(each, bus_side); },
+                [&] { return measure(each, floor_side); });
     }
+    constexpr const char *crowd = "bus, 500 connections beside 1";
+    if (is_chosen(crowd))
+        compare(
+            crowd, allowed_of_500, [] { return measure(on_500, bus_side); }, [] { return measure(on_one, bus_side); });
+    constexpr const char *idle = "heap of an idle connection";
+    if (is_chosen(idle))
+        std::printf("%-38s %7.0f bytes %26.0f\n", idle, bytes_of_idle_connection(), allowed_bytes);
 }

@@ -272,6 +272,7 @@ bool listen_to(connection &made, event_base *base)
         made.bev.get(), handle_input, nullptr,
         [](bufferevent *, short events, void *argument) { handle_events(connection_of(argument), events); }, &made);
     bufferevent_setwatermark(made.bev.get(), EV_READ, read_low_watermark, read_high_watermark);
+    bufferevent_set_max_single_write(made.bev.get(), max_queued_bytes); // or a burst would leave by 16 kB at a time
     return made.flush && bufferevent_enable(made.bev.get(), EV_READ) == 0;
 }
 

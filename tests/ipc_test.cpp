@@ -378,6 +378,20 @@ TEST_F(ipc_test, writes_whole_frames_or_nothing)
     EXPECT_EQ(receive(fd, queued * (longest_body + 4)).size(), queued * (longest_body + 4));
 }
 
+TEST_F(ipc_test, a_socket_that_was_full_is_filled_in_one_go)
+{
+    server();
+    const auto [fd, handle] = peer();
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(write_to(handle, text_of(longest_body - 1)), 0);
+    run(); // as much as the socket takes
+    std::string part(1 << 20, '\0');
+    const ssize_t held = recv(fd, part.data(), part.size(), 0);
+    EXPECT_GT(held, 65'536) << "a socket that holds too little to tell";
+    event_base_loop(base, EVLOOP_NONBLOCK | EVLOOP_ONCE);
+    EXPECT_GT(recv(fd, part.data(), part.size(), 0), 65'536);
+}
+
 TEST_F(ipc_test, ends_are_noticed)
 {
     server();
