@@ -77,9 +77,9 @@ int vd_set_process_uid_and_gid_by_names(const char *user, const char *group, boo
  * Capabilities: with a list, exactly the listed ones end up in the permitted and the effective set, and none in the
  * inheritable and the ambient set; values that the system doesn't know are ignored. The bounding set stays. When a name
  * is given too, the secure bit "no setuid fixup" carries them over the change of user, is locked, and is passed on to
- * whatever the daemon starts. Without a list the kernel's own rule holds: changing from root to another user empties the
- * permitted, the effective and the ambient set; the inheritable one stays, and under PR_SET_KEEPCAPS the permitted one
- * too.
+ * whatever the daemon starts. Without a list the kernel's own rule holds: changing from root to another user empties
+ * the permitted, the effective and the ambient set; the inheritable one stays, and under PR_SET_KEEPCAPS the permitted
+ * one too.
  *
  * Descriptors: all of them are closed. A kernel older than 5.9 has no close_range: there each number from the soft
  * limit (getdtablesize) down to 0 is closed, and a descriptor above a limit that was lowered later stays open. When

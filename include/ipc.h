@@ -10,7 +10,8 @@
  * object has "type", a string, and may have "data"; other members are ignored. A message that is not JSON, not an
  * object, or has no string as "type" is dropped silently. A body has at most 999995 bytes: a peer that announces more
  * is logged ("Message of %u bytes is too long") and loses its connection. A body above 64 kB that would take more than
- * 64 MiB once it is parsed is dropped, which is logged once per connection ("Message of %u bytes takes too much memory").
+ * 64 MiB once it is parsed is dropped, which is logged once per connection ("Message of %u bytes takes too much
+ * memory").
  *
  * A lost connection shows as the type "error" with NULL data to its default handler; then it is dropped. A daemon that
  * keeps subscribers removes those of the descriptor at that point.

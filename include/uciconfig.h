@@ -99,9 +99,9 @@ void ucierr(struct uci_context *ctx, const char *format, ...) __attribute__((for
 /**
  * Adds a section to a package in memory.
  *
- * type  the section's type: printable ASCII characters without blanks, quotes, '#', ';' and '\'. libuci checks little of
- *       that and writes the type as it stands; then nobody can read the package again. So it must never come from
- *       outside. An empty one with a name is libuci's way to delete that section; the result is NULL.
+ * type  the section's type: printable ASCII characters without blanks, quotes, '#', ';' and '\'. libuci checks
+ *       little of that and writes the type as it stands; then nobody can read the package again. So it must never
+ *       come from outside. An empty one with a name is libuci's way to delete that section; the result is NULL.
  * name  the name of a section that is made, or is given this type if it is there; NULL adds an anonymous one. It
  *       must match [A-Za-z0-9_]+ and never come from outside: others can write to other options and sections.
  *
