@@ -35,6 +35,8 @@ public:
 private:
     bool grow() noexcept
     {
+        // a record may be a pointer, and a capacity is never 0
+        // NOLINTNEXTLINE(bugprone-sizeof-expression,clang-analyzer-optin.portability.UnixAPI)
         auto *grown = static_cast<Record *>(std::realloc(records_.get(), next_capacity_ * sizeof(Record)));
         if (!grown)
             return false;

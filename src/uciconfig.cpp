@@ -82,7 +82,9 @@ c_string lookup(const uci_handle &ctx, const char *format, va_list args)
     if (!ctx || !format || std::vsnprintf(path, sizeof path, format, args) < 0)
         return nullptr;
     const uci_option *option = find_option(ctx.get(), path);
-    return option && option->v.string ? text_of(*option) : nullptr;
+    if (!option || !option->v.string)
+        return nullptr;
+    return text_of(*option);
 }
 
 /// A section by its name; that there is none is logged.

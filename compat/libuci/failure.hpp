@@ -10,6 +10,8 @@
 namespace libuci {
 
 struct failure {
+    explicit failure(int of_uci) noexcept : code{of_uci} {}
+
     int code;
 };
 

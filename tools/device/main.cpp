@@ -43,7 +43,8 @@ bool exists(const char *path)
 char *as_on_device(char *argument)
 {
     const std::string on_host = host_path(argument);
-    return *argument == '/' && !exists(argument) && exists(on_host.c_str()) ? strdup(on_host.c_str()) : argument;
+    char *found = *argument == '/' && !exists(argument) && exists(on_host.c_str()) ? strdup(on_host.c_str()) : nullptr;
+    return found ? found : argument;
 }
 
 [[noreturn]] void run(char **command)

@@ -105,24 +105,25 @@ void check_folder(report &told)
     const mode_t mode = status.st_mode & 07777;
     const text is = "/var/run/vandrel: " + text::of(user_name(status.st_uid)) + " " +
                     text::of(group_name(status.st_gid)) + " " + octal(mode);
+    const text to_do =
+        ": chown root:vandrel and chmod 1775, so that daemons can serve and none removes another's socket";
     if ((mode & S_IWOTH) != 0)
         told.fail("folder", is + ": anybody may serve there under any name; chmod 1775");
     else if (status.st_uid != 0 || group_name(status.st_gid) != server_group || mode != folder_mode)
-        told.warn("folder", is + ": chown root:vandrel and chmod 1775, so that daemons can serve and none removes "
-                                 "another's socket");
+        told.warn("folder", is + to_do);
     else
         told.ok("folder", is);
 }
 
 void check_groups(report &told)
 {
-    for (const char *name : {server_group, bus_group}) {
+    const std::pair<const char *, text> groups[] = {{server_group, "only root's daemons can make their sockets"},
+                                                    {bus_group, "only root and the daemon's own user can connect"}};
+    for (const auto &[name, without] : groups) {
         if (getgrnam(name))
             told.ok("group", text::of(name));
         else
-            told.warn("group", text::of(name) + " is missing: " +
-                                   (name == bus_group ? text{"only root and the daemon's own user can connect"}
-                                                      : text{"only root's daemons can make their sockets"}));
+            told.warn("group", text::of(name) + " is missing: " + without);
     }
 }
 
@@ -190,7 +191,7 @@ void check_zones(report &told)
         told.ok("zones", text::of(live_file) + " loads, no findings");
 }
 
-void check_script(report &told, const char *what, const char *path, text without)
+void check_script(report &told, const char *what, const char *path, const text &without)
 {
     struct stat status;
     const text name = text::of(std::strrchr(path, '/') + 1);
@@ -244,10 +245,10 @@ void check_state_files(report &told)
         vpn_free(state);
         return 0;
     });
-    for (const std::string &name : peer_files.unreadable)
-        told.warn("vpn", "the state file of " + text::of(name) +
-                             " can't be read: its peer counts as down; see its "
-                             "daemon");
+    for (const std::string &name : peer_files.unreadable) {
+        const text is = "the state file of " + text::of(name);
+        told.warn("vpn", is + " can't be read: its peer counts as down; see its daemon");
+    }
     told.ok("vpn", text{peer_files.loaded} + " state files read");
 }
 

@@ -49,6 +49,7 @@ std::vector<peer_state> load_all()
         throw failure{"cannot read /var/run/vandrel/vpnstate"};
     std::ranges::sort(names);
     std::vector<peer_state> peers;
+    peers.reserve(names.size());
     for (const std::string &name : names)
         peers.push_back(load(name.c_str()));
     return peers;
@@ -179,12 +180,13 @@ void print_table(const std::vector<peer_state> &peers)
 {
     table rows{{"PEER", "ROLE", "STATE", "DEV", "TUNNEL", "REMOTE", "RELAYED", "WRITTEN"}};
     for (const peer_state &peer : peers) {
-        if (const vpn_state *s = peer.state.get())
+        if (const vpn_state *s = peer.state.get()) {
             rows.add({text::of(peer.name), role_of(peer.name), number(s->state), string(s->dev), address(s->tun_my_ip),
                       remote(*s), flag(s->relayed), age(peer.written)});
-        else
+        } else {
             rows.add({text::of(peer.name), role_of(peer.name), text{}, text{}, text{}, text::of(fault_of(peer)), text{},
                       age(peer.written)});
+        }
     }
     rows.print();
 }
