@@ -236,7 +236,8 @@ TEST_F(ipc_test, messages_reach_their_handler)
     for (const auto &[body, want] : cases) {
         heard.clear();
         send(fd, frame(body) + message("end", "0"));
-        EXPECT_TRUE(run_until([] { return !heard.empty() && heard.back() == "default end 0"; }));
+        const auto ended = [] { return !heard.empty() && heard.back() == "default end 0"; };
+        EXPECT_TRUE(run_until(ended));
         EXPECT_EQ(heard, want.empty() ? strings{"default end 0"} : (strings{want, "default end 0"}));
     }
     heard.clear();
