@@ -21,12 +21,9 @@
 namespace vandrel {
 namespace {
 
-constexpr std::size_t read_low_watermark = header_bytes;
-constexpr std::size_t read_high_watermark = 1'000'000;
-static_assert(max_frame_bytes < read_high_watermark, "or reading would stop within the longest frame");
 constexpr std::size_t max_queued_bytes = 64 << 20; // on one connection
-constexpr std::size_t event_read_bytes = 4096;     // what libevent reads at most before it calls us
-constexpr std::size_t ahead_read_bytes = 65'536;
+constexpr std::size_t min_read_bytes = 4096;       // asked for at a time
+constexpr std::size_t max_read_bytes = 65'536;
 
 /// bufferevent_free closes the socket on a later turn of the loop only, which may never come; so it is closed here.
 void close_bufferevent(bufferevent *bev)
@@ -45,7 +42,9 @@ struct connection {
     ipc_dispatch dispatch;
     ipc_callback default_callback;
     bufferevent_handle bev;
-    event_handle flush; // made active by hand when a first frame is queued
+    event_handle arrival;                    // something can be read
+    event_handle flush;                      // made active by hand when a first frame is queued
+    std::size_t wanted_bytes = header_bytes; // of input: as far as the next frame reaches, or is known to reach
     bool has_sent_too_costly = false;
 
     evbuffer *input() const { return bufferevent_get_input(bev.get()); }
@@ -56,6 +55,8 @@ struct connection_table {
     std::vector<std::unique_ptr<connection>> by_fd;
     std::uint64_t made = 0;
     bool has_handled_long_body = false;
+    char arriving[max_read_bytes]; // what came last, for a connection that had nothing waiting
+    bool is_arriving_used = false;
 };
 lasting<connection_table> state;
 connection_table &table = state.value;
@@ -107,40 +108,6 @@ void log_too_long(std::uint64_t body_bytes)
     log_warning("Message of %u bytes is too long", static_cast<unsigned>(body_bytes));
 }
 
-/// Fetches more of a frame that libevent has begun to read, where it has arrived already. Memory is taken only in step
-/// with what has come. The end of the stream shows again when libevent reads on, but an error is told only once: gives
-/// false for it.
-bool read_ahead(const connection &peer, std::size_t missing_bytes)
-{
-    evbuffer *input = peer.input();
-    if (evbuffer_get_length(input) < event_read_bytes)
-        return true;
-    const std::size_t wanted = std::min(missing_bytes, ahead_read_bytes);
-    ssize_t size = 0;
-    evbuffer_unfreeze(input, 0); // a bufferevent opens the end of its input for its own reads only
-    evbuffer_iovec space;
-    if (evbuffer_reserve_space(input, static_cast<ev_ssize_t>(wanted), &space, 1) == 1) {
-        size = recv(peer.fd, space.iov_base, wanted, 0);
-        space.iov_len = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
-        evbuffer_commit_space(input, &space, 1);
-    }
-    evbuffer_freeze(input, 0);
-    return !is_failure(size);
-}
-
-/// Whether that many bytes wait, or come at once. Reading them may end the connection.
-bool has_arrived(const connection &peer, std::size_t wanted_bytes)
-{
-    const std::size_t waiting_bytes = evbuffer_get_length(peer.input());
-    if (waiting_bytes >= wanted_bytes)
-        return true;
-    if (!read_ahead(peer, wanted_bytes - waiting_bytes)) {
-        handle_events(peer, BEV_EVENT_READING | BEV_EVENT_ERROR);
-        return false;
-    }
-    return evbuffer_get_length(peer.input()) >= wanted_bytes;
-}
-
 /// The message in a body that is worth its memory.
 json_handle read_body(connection &peer, std::string_view body)
 {
@@ -172,43 +139,95 @@ std::uint64_t handle_frames(connection &peer, std::string_view &bytes)
     return size;
 }
 
-/// The start of the input, with at least that many bytes in one piece; nothing without memory to put them together.
-std::string_view front_of(evbuffer *input, std::size_t wanted_bytes)
+/// Notes how much must come before there is a frame to handle; false where the connection has ended.
+bool expect_frame(connection &peer, std::uint64_t next_bytes)
 {
-    const auto *start = reinterpret_cast<const char *>(evbuffer_pullup(input, static_cast<ev_ssize_t>(wanted_bytes)));
-    return start ? std::string_view{start, evbuffer_get_contiguous_space(input)} : std::string_view{};
+    if (next_bytes == 0)
+        return false;
+    if (next_bytes > max_frame_bytes) {
+        log_too_long(next_bytes - header_bytes);
+        fail(peer);
+        return false;
+    }
+    peer.wanted_bytes = static_cast<std::size_t>(next_bytes);
+    return true;
 }
 
-/// Handles all whole frames that have arrived. Those that lie in one piece leave the input together, as that costs no
-/// more than for one.
-void read_frames(connection &peer)
+void fail_without_memory(const connection &peer)
+{
+    log_error("ERROR, too few bytes");
+    fail(peer);
+}
+
+/// Handles all whole frames that wait. Those that lie in one piece leave the input together, as that costs no more than
+/// for one.
+void handle_input(connection &peer)
 {
     evbuffer *input = peer.input();
-    for (std::size_t wanted = header_bytes; has_arrived(peer, wanted);) {
-        std::string_view bytes = front_of(input, wanted);
-        if (bytes.empty()) {
-            log_error("ERROR, too few bytes");
-            fail(peer);
+    while (evbuffer_get_length(input) >= peer.wanted_bytes) {
+        const auto *start =
+            reinterpret_cast<const char *>(evbuffer_pullup(input, static_cast<ev_ssize_t>(peer.wanted_bytes)));
+        if (!start)
+            return fail_without_memory(peer);
+        const std::string_view held{start, evbuffer_get_contiguous_space(input)};
+        std::string_view rest = held;
+        const std::uint64_t next = handle_frames(peer, rest);
+        if (next > 0)
+            evbuffer_drain(input, held.size() - rest.size());
+        if (!expect_frame(peer, next))
             return;
-        }
-        const std::size_t held = bytes.size();
-        const std::uint64_t next = handle_frames(peer, bytes);
-        if (next == 0)
-            return;
-        evbuffer_drain(input, held - bytes.size());
-        if (next > max_frame_bytes) {
-            log_too_long(next - header_bytes);
-            fail(peer);
-            return;
-        }
-        wanted = static_cast<std::size_t>(next);
     }
 }
 
-/// libevent calls it when at least a header waits.
-void handle_input(bufferevent *, void *argument)
+/// Whether a read brought bytes. The end of the stream, or an error, ends the connection.
+bool has_brought(const connection &peer, ssize_t size)
 {
-    read_frames(*static_cast<connection *>(argument));
+    if (size == 0)
+        handle_events(peer, BEV_EVENT_READING | BEV_EVENT_EOF);
+    else if (is_failure(size))
+        handle_events(peer, BEV_EVENT_READING | BEV_EVENT_ERROR);
+    return size > 0;
+}
+
+/// Where nothing waits, whole frames are handled where they came, and only the start of one more is put by.
+void read_anew(connection &peer)
+{
+    const ssize_t size = recv(peer.fd, table.arriving, sizeof table.arriving, 0);
+    if (!has_brought(peer, size))
+        return;
+    std::string_view rest{table.arriving, static_cast<std::size_t>(size)};
+    const bool goes_on = expect_frame(peer, handle_frames(peer, rest));
+    if (goes_on && !rest.empty() && evbuffer_add(peer.input(), rest.data(), rest.size()) != 0)
+        fail_without_memory(peer);
+}
+
+/// Reads on in a frame that has begun. Memory is taken only in step with what comes.
+void read_on(connection &peer)
+{
+    evbuffer *input = peer.input();
+    const std::size_t missing = peer.wanted_bytes - evbuffer_get_length(input);
+    const std::size_t wanted = std::clamp(missing, min_read_bytes, max_read_bytes);
+    evbuffer_iovec space;
+    if (evbuffer_reserve_space(input, static_cast<ev_ssize_t>(wanted), &space, 1) != 1)
+        return fail_without_memory(peer);
+    const ssize_t size = recv(peer.fd, space.iov_base, wanted, 0);
+    if (!has_brought(peer, size))
+        return;
+    space.iov_len = static_cast<std::size_t>(size);
+    evbuffer_commit_space(input, &space, 1);
+    handle_input(peer);
+}
+
+/// A handler may run a loop of its own, in which other connections have something to read.
+void handle_arrival(connection &peer)
+{
+    if (evbuffer_get_length(peer.input()) > 0 || table.is_arriving_used) {
+        read_on(peer);
+    } else {
+        table.is_arriving_used = true;
+        read_anew(peer);
+        table.is_arriving_used = false;
+    }
     if (std::exchange(table.has_handled_long_body, false))
         give_memory_back();
 }
@@ -259,21 +278,26 @@ void catch_sigpipe()
     sigaction(SIGPIPE, &action, nullptr);
 }
 
-const connection &connection_of(void *argument)
+connection &connection_of(void *argument)
 {
-    return *static_cast<const connection *>(argument);
+    return *static_cast<connection *>(argument);
 }
 
+/// The bufferevent writes what doesn't go at once. It doesn't read: it would first ask how much waits, and then take
+/// 4096 bytes of it.
 bool listen_to(connection &made, event_base *base)
 {
+    made.arrival.reset(event_new(
+        base, made.fd, EV_READ | EV_PERSIST,
+        [](evutil_socket_t, short, void *argument) { handle_arrival(connection_of(argument)); }, &made));
     made.flush.reset(event_new(
         base, -1, 0, [](evutil_socket_t, short, void *argument) { flush_output(connection_of(argument)); }, &made));
     bufferevent_setcb(
-        made.bev.get(), handle_input, nullptr,
+        made.bev.get(), nullptr, nullptr,
         [](bufferevent *, short events, void *argument) { handle_events(connection_of(argument), events); }, &made);
-    bufferevent_setwatermark(made.bev.get(), EV_READ, read_low_watermark, read_high_watermark);
     bufferevent_set_max_single_write(made.bev.get(), max_queued_bytes); // or a burst would leave by 16 kB at a time
-    return made.flush && bufferevent_enable(made.bev.get(), EV_READ) == 0;
+    evbuffer_unfreeze(made.input(), 0);                                 // we fill it
+    return made.arrival && made.flush && event_add(made.arrival.get(), nullptr) == 0;
 }
 
 std::unique_ptr<connection> make_connection(unique_fd fd, event_base *base, ipc_dispatch dispatch,
@@ -281,8 +305,8 @@ std::unique_ptr<connection> make_connection(unique_fd fd, event_base *base, ipc_
 {
     if (evutil_make_socket_nonblocking(fd.get()) != 0 || evutil_make_socket_closeonexec(fd.get()) != 0)
         return nullptr;
-    auto made =
-        std::make_unique<connection>(connection{fd.get(), ++table.made, dispatch, default_callback, nullptr, nullptr});
+    auto made = std::make_unique<connection>(
+        connection{fd.get(), ++table.made, dispatch, default_callback, nullptr, nullptr, nullptr});
     made->bev.reset(bufferevent_socket_new(base, fd.get(), BEV_OPT_CLOSE_ON_FREE));
     if (!made->bev)
         return nullptr;
