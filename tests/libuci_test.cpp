@@ -231,7 +231,7 @@ TEST(libuci, a_disk_that_fails_loses_nothing)
 TEST(libuci, a_file_that_can_not_be_replaced_stays_with_its_changes)
 {
     write_file(file, before);
-    ASSERT_EQ(mount(file, file, nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount(file, file, "", MS_BIND, nullptr), 0);
     EXPECT_EQ(commit({"t.s.a=new"}), UCI_ERR_IO);
     EXPECT_EQ(read_file(file), before);
     EXPECT_EQ(read_file(changes), "t.s.a='new'\n");
@@ -239,6 +239,18 @@ TEST(libuci, a_file_that_can_not_be_replaced_stays_with_its_changes)
     ASSERT_EQ(umount(file), 0);
     EXPECT_EQ(commit({"t.s.b=2"}), UCI_OK);
     EXPECT_EQ(read_file(file), "\nconfig x 's'\n\toption a 'new'\n\toption b '2'\n\n");
+}
+
+TEST(libuci, a_deleted_list_is_not_in_the_pointer_any_more)
+{
+    write_file(file, "config x s\n\tlist l 1\n");
+    const context ctx = new_context();
+    std::string path = "t.s.l";
+    uci_ptr ptr{};
+    ASSERT_EQ(uci_lookup_ptr(ctx.get(), &ptr, path.data(), true), UCI_OK);
+    ASSERT_NE(ptr.o, nullptr);
+    EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_OK);
+    EXPECT_EQ(ptr.o, nullptr);
 }
 
 /// A daemon's steps from load to revert, up to the first that fails.

@@ -55,8 +55,8 @@ TEST_F(mac, temporary_is_told_by_its_first_digits)
     for (const char *text :
          {"02:11:22:33:44:55", "0e:00:00:00:00:01", "fa:00:00:00:00:01", "x6xxxxxxxxxxxxxxxxx", "00-ff:00:00:00:01"})
         EXPECT_EQ(mac_is_temporary(text), 1) << text;
-    for (const char *text :
-         {"03:00:00:00:00:00", "0A:11:22:33:44:55", "00:FF:00:00:00:01", "00:f0:00:00:00:01", "10:ff:00:00:00:01"})
+    for (const char *text : {"03:00:00:00:00:00", "0A:11:22:33:44:55", "0X:00:00:00:00:00", "00:FF:00:00:00:01",
+                             "00:f0:00:00:00:01", "10:ff:00:00:00:01"})
         EXPECT_EQ(mac_is_temporary(text), 0) << text;
     EXPECT_EQ(log(), records{});
 }

@@ -69,7 +69,7 @@ protected:
     static void replace_table()
     {
         std::filesystem::create_directory("/tmp/net");
-        ASSERT_EQ(mount("/tmp/net", "/proc/self/net", nullptr, MS_BIND, nullptr), 0);
+        ASSERT_EQ(mount("/tmp/net", "/proc/self/net", "", MS_BIND, nullptr), 0);
     }
     static void write_table(const std::string &text) { write_file("/tmp/net/route", text); }
 

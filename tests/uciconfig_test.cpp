@@ -511,8 +511,8 @@ TEST_F(unwritable, a_save_that_fails_is_reported_as_failed)
 TEST_F(unwritable, a_commit_that_fails_is_reported_as_failed_and_what_was_saved_stays)
 {
     write_file(settings, file);
-    ASSERT_EQ(mount("/etc/config", "/etc/config", nullptr, MS_BIND, nullptr), 0);
-    ASSERT_EQ(mount(nullptr, "/etc/config", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    ASSERT_EQ(mount("/etc/config", "/etc/config", "", MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount("", "/etc/config", "", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
     expect_failures("Commit failed: I/O error");
     EXPECT_EQ(read_file(changes), "vandrel.settings.a='1'\nvandrel.settings.a='2'\nvandrel.settings.a='3'\n"
                                   "vandrel.settings.a='4'\n-vandrel.settings.a\n");
