@@ -6,14 +6,18 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
+
+int lock_error = 0; // of the calls that lock a file; 0: they lock it
 
 /// What the library has synced to the disk, by path, and which of its calls is still to fail.
 struct {
@@ -24,8 +28,15 @@ struct {
 
 } // namespace
 
-/// The library's own; the program's stands before the C library's.
-extern "C" __attribute__((visibility("default"))) int fsync(int fd)
+// The library's own; the program's stand before the C library's.
+#pragma GCC visibility push(default)
+extern "C" int flock(int fd, int operation)
+{
+    errno = lock_error;
+    return lock_error != 0 ? -1 : static_cast<int>(syscall(SYS_flock, fd, operation));
+}
+
+extern "C" int fsync(int fd)
 {
     if (synced.watched)
         synced.paths.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
@@ -35,6 +46,7 @@ extern "C" __attribute__((visibility("default"))) int fsync(int fd)
     }
     return static_cast<int>(syscall(SYS_fsync, fd));
 }
+#pragma GCC visibility pop
 
 namespace {
 
@@ -251,6 +263,42 @@ TEST(libuci, a_deleted_list_is_not_in_the_pointer_any_more)
     ASSERT_NE(ptr.o, nullptr);
     EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_OK);
     EXPECT_EQ(ptr.o, nullptr);
+}
+
+TEST(libuci, a_file_that_can_not_be_locked_is_neither_read_nor_written)
+{
+    write_file(file, before);
+    const context ctx = new_context();
+    uci_package *package = nullptr;
+    lock_error = ENOLCK;
+    EXPECT_EQ(uci_load(ctx.get(), "t", &package), UCI_ERR_IO);
+    EXPECT_EQ(commit({"t.s.a=new"}), UCI_ERR_IO);
+    lock_error = 0;
+    EXPECT_EQ(read_file(file), before);
+}
+
+TEST(libuci, descriptor_0_is_as_good_as_any)
+{
+    write_file(file, before);
+    child_process daemon{[] {
+        close(STDIN_FILENO);
+        EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK);
+    }};
+    daemon.join();
+    EXPECT_EQ(read_file(file), after);
+}
+
+TEST(libuci, packages_are_listed_by_name)
+{
+    for (const char *package : {"a", "c", "b"}) // in no order of a folder
+        write_file(std::string{"/etc/config/"} + package, "");
+    char **names = nullptr;
+    ASSERT_EQ(uci_list_configs(new_context().get(), &names), UCI_OK);
+    std::string listed;
+    for (char **name = names; *name; ++name)
+        listed += *name;
+    std::free(names);
+    EXPECT_EQ(listed, "abc");
 }
 
 /// A daemon's steps from load to revert, up to the first that fails.
