@@ -23,7 +23,8 @@ int lock_error = 0; // of the calls that lock a file; 0: they lock it
 struct {
     bool watched = false;
     std::vector<std::string> paths;
-    int left = 0; // until the one that fails; 0: none
+    std::vector<std::string> change_lines; // as they then are
+    int left = 0;                          // until the one that fails; 0: none
 } synced;
 
 } // namespace
@@ -38,8 +39,10 @@ extern "C" int flock(int fd, int operation)
 
 extern "C" int fsync(int fd)
 {
-    if (synced.watched)
+    if (synced.watched) {
         synced.paths.push_back(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+        synced.change_lines.push_back(read_file("/tmp/.uci/t"));
+    }
     if (synced.left > 0 && --synced.left == 0) {
         errno = EIO;
         return -1;
@@ -219,6 +222,26 @@ TEST(libuci, a_commit_is_on_the_disk_before_it_says_so)
         EXPECT_TRUE(synced.paths[i].starts_with(order[i])) << i << synced.paths[i];
 }
 
+TEST(libuci, a_torn_line_does_not_hide_that_the_others_are_in_place)
+{
+    write_file(file, before);
+    write_file(changes, "t.s.a='new'\nt.s.b='2");
+    loaded_package loaded{"t"};
+    synced.watched = true;
+    EXPECT_EQ(uci_commit(loaded.ctx.get(), &loaded.package, false), UCI_OK);
+    ASSERT_EQ(synced.paths.at(1), changes);
+    EXPECT_TRUE(synced.change_lines[1].starts_with("t.s.a='new'\n#")) << synced.change_lines[1];
+}
+
+TEST(libuci, the_folder_for_changes_is_made_from_wherever_the_daemon_is)
+{
+    write_file(file, before);
+    std::filesystem::remove_all("/tmp/.uci");
+    ASSERT_EQ(chdir("/etc"), 0);
+    EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK);
+    EXPECT_EQ(read_file(file), after);
+}
+
 TEST(libuci, a_disk_that_fails_loses_nothing)
 {
     const std::string line = "t.s.a='new'\n";
@@ -286,6 +309,34 @@ TEST(libuci, descriptor_0_is_as_good_as_any)
     }};
     daemon.join();
     EXPECT_EQ(read_file(file), after);
+}
+
+TEST(libuci, a_pointer_that_was_looked_up_without_a_package_is_refused)
+{
+    uci_ptr ptr{};
+    ptr.section = "s";
+    ptr.value = "x";
+    ptr.flags = uci_ptr::UCI_LOOKUP_DONE;
+    EXPECT_EQ(uci_set(new_context().get(), &ptr), UCI_ERR_INVAL);
+}
+
+TEST(libuci, a_type_may_have_any_character_that_prints)
+{
+    write_file(file, before);
+    const loaded_package loaded{"t"};
+    const std::pair<const char *, int> cases[] = {{"!", UCI_OK}, {"~", UCI_OK}, {"\x7f", UCI_ERR_INVAL}};
+    for (const auto &[type, want] : cases) {
+        uci_section *added = nullptr;
+        EXPECT_EQ(uci_add_section(loaded.ctx.get(), loaded.package, type, &added), want) << type;
+    }
+}
+
+TEST(libuci, a_context_names_its_folders)
+{
+    const context ctx = new_context();
+    EXPECT_STREQ(ctx->confdir, "/etc/config");
+    EXPECT_STREQ(ctx->conf2dir, UCI_CONF2DIR);
+    EXPECT_STREQ(ctx->savedir, "/tmp/.uci");
 }
 
 TEST(libuci, packages_are_listed_by_name)

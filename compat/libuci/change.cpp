@@ -169,8 +169,8 @@ template <typename Body> void for_each_change(std::string_view package_name, std
         std::string text;
         try {
             text = reader.word();
-        } catch (const parse_failure &) {
-            continue;
+        } catch (const parse_failure &) { // the text has ended within it
+            return;
         }
         if (!reader.ended_line())
             continue;

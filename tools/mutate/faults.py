@@ -71,7 +71,7 @@ def instead_of_token(token, source):
     if token.kind == "number":
         return instead_of_number(token.text) if "." not in token.text else []
     if token.kind == "char":
-        return ["'#'"]
+        return ["'#'" if token.text != "'#'" else "'@'"]
     if token.kind == "text":
         return [token.text[:-1] + 'X"'] if not token.text.startswith("R") else []
     if token.kind == "name":
