@@ -171,7 +171,8 @@ struct ipc_test : device_test {
     }
     void run_for(std::chrono::milliseconds time) // at rest where there is nothing to do
     {
-        const timeval left{time.count() / 1000, time.count() % 1000 * 1000};
+        const timeval left{static_cast<time_t>(time.count() / 1000),
+                           static_cast<suseconds_t>(time.count() % 1000 * 1000)};
         event_base_loopexit(base, &left);
         event_base_dispatch(base);
     }

@@ -209,15 +209,15 @@ TEST_F(lans, bridges_are_listed_with_address_device_and_port)
                " option netmask 255.0.0.0\n"
                "config interface lan2\n option type bridge\n option proto none\n option ipaddr 10.1.1.1\n"
                " option ifname eth0.2\n"
-               "config interface lan3\n option type bridge\n option proto static\n option netmask 255.0.0.0\n"
+               "config interface wax\n option type bridge\n option proto static\n option netmask 255.0.0.0\n"
                "config interface sixteen_letters_\n option type bridge\n option ipaddr 10.2.3.4\n"
                " option netmask bad\n option ifname wlan0\n");
     const netinfo_lan want[] = {{"lan", "br-lan", "eth0.1", "lan1", 0xC0A80101, 0xFFFFFF00},
                                 {"lan2", "br-lan2", "", "", 0, 0},
-                                {"lan3", "br-lan3", "", "", 0, 0xFF000000},
+                                {"wax", "br-wax", "", "", 0, 0xFF000000}, // no "wan"
                                 {"sixteen_letters", "br-sixteen_lett", "wlan0", "", 0x0A020304, 0xFFFFFFFF}};
     EXPECT_EQ(netinfo_get_lans(&list, &count), 1);
-    EXPECT_EQ(log(), (records{called, warn("Failed to get IP address for br-lan3"),
+    EXPECT_EQ(log(), (records{called, warn("Failed to get IP address for br-wax"),
                               warn("Failed to get IP address for br-sixteen_lett"),
                               error("Too long LAN prefix name", "netutil.c")}));
     ASSERT_EQ(count, 4);

@@ -300,7 +300,7 @@ std::vector<std::string> visited; // the callback of a walk gets no argument of 
 
 TEST_F(vpnstate, walk_takes_regular_json_files)
 {
-    for (const char *name : {".json", "a.JSON", "c.jsonx", "json", "x.json/file", "abc.json", "b.json.json"})
+    for (const char *name : {".json", "a.JSON", "abc.json", "c.jsonx", "b.json.json", "json", "x.json/file"})
         write_file(directory + name, "{}");
     std::filesystem::create_symlink("abc.json", directory + "link.json");
     EXPECT_EQ(vpnstate_foreach_cn([](const char *name) -> int { return visited.emplace_back(name) == "none"; }), 0);
