@@ -7,13 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-outcome run(const std::string &command, void (*prepare)())
+outcome run(const std::string &command)
 {
     const pid_t pid = fork();
     if (pid == 0) {
         dup2(open("/tmp/output", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
         dup2(open("/tmp/errors", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        prepare();
         execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         _exit(127);
     }
@@ -21,6 +20,16 @@ outcome run(const std::string &command, void (*prepare)())
     waitpid(pid, &status, 0);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read_file("/tmp/output"),
             read_file("/tmp/errors")};
+}
+
+void expect_outcomes(const std::string &begin, std::initializer_list<command_row> rows)
+{
+    for (const auto &[words, status, output, errors] : rows) {
+        const outcome found = run(begin + words);
+        EXPECT_EQ(found.status, status) << words;
+        EXPECT_EQ(found.output, output) << words;
+        EXPECT_EQ(found.errors, errors) << words;
+    }
 }
 
 std::string run_on_terminal(const std::string &command)
