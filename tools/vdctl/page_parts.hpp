@@ -4,7 +4,7 @@
 
 namespace vdctl {
 
-inline constexpr char page_style_hash[] = "sha256-i8/HrYWM8G3+PDKm3ID0KR75vRXPrNmln1TpeG6fSFg=";
+inline constexpr char page_style_hash[] = "sha256-1tV/5EtdMlzaD94onyT6ewsfYZlO7NVub4cZl9BWnJk=";
 inline constexpr char page_script_hash[] = "sha256-Vz9i7jbTDSDyIIlMUH7lnSAx4O8zGiA33BP7UgZvKAM=";
 
 inline constexpr char page_style[] = R"css(
@@ -24,6 +24,7 @@ summary span { opacity: .7; margin-left: .5rem; white-space: nowrap; }
 table { border-collapse: collapse; width: 100%; margin: 0 0 1rem; }
 th, td { text-align: left; vertical-align: top; padding: .25rem .6rem .25rem 0; border-top: 1px solid var(--line);
          overflow-wrap: anywhere; }
+th { white-space: nowrap; }
 th:first-child, td:first-child { width: 4rem; }
 th:nth-child(3), td:nth-child(3) { width: 7rem; white-space: nowrap; }
 th:last-child, td:last-child { width: 30%; }
@@ -33,7 +34,7 @@ td.closed { color: var(--closed); font-weight: bold; }
     table { font-size: .85rem; }
     th:first-child, td:first-child { width: 3rem; }
     th:nth-child(3), td:nth-child(3) { width: 5.5rem; }
-    th:last-child, td:last-child { width: 5rem; }
+    th:last-child, td:last-child { width: 5.5rem; }
 }
 button { font: inherit; padding: .4rem 1rem; margin: .5rem 0; }
 )css";
