@@ -5,7 +5,7 @@
 namespace vdctl {
 
 inline constexpr char page_style_hash[] = "sha256-1tV/5EtdMlzaD94onyT6ewsfYZlO7NVub4cZl9BWnJk=";
-inline constexpr char page_script_hash[] = "sha256-Vz9i7jbTDSDyIIlMUH7lnSAx4O8zGiA33BP7UgZvKAM=";
+inline constexpr char page_script_hash[] = "sha256-kUEf3MvHC5ZQyQ5xsGh/f1kYFyzBbxzXGCLtx+3DR7c=";
 
 inline constexpr char page_style[] = R"css(
 :root { color-scheme: light dark; --line: #8884; --open: #0a7a3d; --closed: #b3261e; }
@@ -55,6 +55,8 @@ function add(parent, name, text, className) {
     return element;
 }
 
+function counted(number, what) { return number + ' ' + what + (number === 1 ? '' : 's'); }
+
 // An address as a number, so that a range is found by what lies in it.
 function addressOf(text) {
     const bytes = /^\d+(\.\d+){3}$/.test(text) ? text.split('.').map(Number)
@@ -69,7 +71,7 @@ function targetFilter(text) {
 }
 
 function more(parent, left, what, show) {
-    const button = add(parent, 'button', 'Show more (' + left + ' ' + what + ' left)');
+    const button = add(parent, 'button', 'Show more (' + counted(left, what) + ' left)');
     button.type = 'button';
     button.addEventListener('click', () => { button.remove(); show(); });
 }
@@ -88,7 +90,7 @@ function fill(card, row, extents) {
             add(line, 'td', zones);
         }
         if (extents.length > from + linesAtOnce)
-            more(card, extents.length - from - linesAtOnce, 'targets', () => show(from + linesAtOnce));
+            more(card, extents.length - from - linesAtOnce, 'target', () => show(from + linesAtOnce));
     };
     show(0);
 }
@@ -98,7 +100,7 @@ function addCard({row, extents}, isOpen) {
     const names = row.p.slice(0, namesAtOnce).join(', ') +
         (row.p.length > namesAtOnce ? ' and ' + (row.p.length - namesAtOnce) + ' more' : '');
     const summary = add(card, 'summary', names);
-    add(summary, 'span', extents.length + ' targets' + (closed ? ', ' + closed + ' closed' : ''));
+    add(summary, 'span', counted(extents.length, 'target') + (closed ? ', ' + closed + ' closed' : ''));
     card.addEventListener('toggle', () => fill(card, row, extents), {once: true});
     if (isOpen) card.open = true;
 }
@@ -116,12 +118,13 @@ function update() {
         found.push({row, extents});
     }
     const peers = found.reduce((sum, {row}) => sum + row.p.length, 0);
-    count.textContent = peers + ' peers, ' + lines + ' targets; peers that reach the same share a row';
+    count.textContent = counted(peers, 'peer') + ', ' + counted(lines, 'target') +
+        '; peers that reach the same share a row';
     list.textContent = '';
     const show = from => {
         for (const one of found.slice(from, from + cardsAtOnce)) addCard(one, lines <= openAtOnce);
         if (found.length > from + cardsAtOnce)
-            more(list, found.length - from - cardsAtOnce, 'rows', () => show(from + cardsAtOnce));
+            more(list, found.length - from - cardsAtOnce, 'row', () => show(from + cardsAtOnce));
     };
     show(0);
 }
