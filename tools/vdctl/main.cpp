@@ -69,6 +69,29 @@ std::string long_name(std::string_view name)
     return std::string{"--"}.append(name);
 }
 
+std::size_t words_of(const command &row)
+{
+    return std::strchr(row.name, ' ') ? 2 : 1;
+}
+
+std::string joined(std::span<const char *const> words)
+{
+    std::string line;
+    for (const char *word : words)
+        line.append(line.empty() ? "" : " ").append(word);
+    return line;
+}
+
+const command *find_command(std::span<const char *const> words)
+{
+    for (const command &row : commands) {
+        const std::size_t count = words_of(row);
+        if (words.size() >= count && joined(words.first(count)) == row.name)
+            return &row;
+    }
+    return nullptr;
+}
+
 /// Takes the words of the command line apart, in whatever order options and other words come.
 class command_line {
 public:
@@ -77,7 +100,7 @@ public:
         while (!left_.empty()) {
             const std::string_view word = next();
             if (word == "--") {
-                given.words.insert(given.words.end(), left_.begin(), left_.end());
+                std::ranges::for_each(left_, [this](const char *one) { take_word(one); });
                 return;
             }
             if (word.starts_with("--"))
@@ -85,7 +108,7 @@ public:
             else if (word.starts_with('-') && word != "-")
                 take_letters(word);
             else
-                given.words.push_back(word.data());
+                take_word(word.data());
         }
     }
 
@@ -97,6 +120,12 @@ private:
         const char *word = left_.front();
         left_ = left_.subspan(1);
         return word;
+    }
+
+    void take_word(const char *word)
+    {
+        given.words.push_back(word);
+        current = find_command(given.words);
     }
 
     void take(const option &o, const char *value, const text &name)
@@ -136,34 +165,11 @@ private:
     std::span<char *> left_;
 };
 
-std::size_t words_of(const command &row)
-{
-    return std::strchr(row.name, ' ') ? 2 : 1;
-}
-
-std::string joined(std::span<const char *const> words)
-{
-    std::string line;
-    for (const char *word : words)
-        line.append(line.empty() ? "" : " ").append(word);
-    return line;
-}
-
 bool is_group(std::string_view word)
 {
     return std::ranges::any_of(commands, [=](const command &row) {
         return words_of(row) == 2 && std::string_view{row.name}.starts_with(std::string{word} + ' ');
     });
-}
-
-const command *find_command(std::span<const char *const> words)
-{
-    for (const command &row : commands) {
-        const std::size_t count = words_of(row);
-        if (words.size() >= count && joined(words.first(count)) == row.name)
-            return &row;
-    }
-    return nullptr;
 }
 
 [[noreturn]] void refuse_command(std::span<const char *const> words)
@@ -244,10 +250,9 @@ int run(std::span<char *> arguments)
     }
     if (given.has('h'))
         return help(given.words);
-    const command *row = find_command(given.words);
+    const command *row = current;
     if (!row)
         refuse_command(given.words);
-    current = row;
     check_options(*row, given);
     given.words.erase(given.words.begin(), given.words.begin() + static_cast<std::ptrdiff_t>(words_of(*row)));
     check_words(*row, given);
