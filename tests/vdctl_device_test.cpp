@@ -37,6 +37,8 @@ TEST_F(vdctl_device, vpn_lists_the_connections)
              1, "vd-vpnserver-1\tserver\t0\t-\t-\t192.0.2.9\tyes\tin the future\n"},
             {R"(echo '{"dev": "t\u001b[31m"}' >token-A.json; touch -d '-185 minutes' *; vdctl vpn)", 0,
              "token-A\tkey\t0\tt\\x1b[31m\t-\t-\t-\t3 h ago\n"},
+            {R"(echo { >token-B.json; vdctl -j vpn | grep -c '"state": null.* "peer_type": null, .*"peer_public_ip": null')",
+             0, "1\n"},
             {"echo { >token-B.json; touch -d '-50 hours' *; vdctl vpn", 1,
              "token-B\tkey\t-\t-\t-\tits file cannot be read\t-\t2 d ago\n"},
             {R"(echo '{"dev": "tun0"}' >)" + name_of_27 + ".json; vdctl vpn | sed 's/\t[0-9] s ago//'", 0,

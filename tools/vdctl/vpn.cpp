@@ -155,11 +155,14 @@ json_object *json_of(const peer_state &peer)
     json_object_object_add(object, "role", role.empty() ? nullptr : new_string(role.str()));
     json_object_object_add(object, "written", peer.written < 0 ? nullptr : json_object_new_int64(peer.written));
     json_object_object_add(object, "fault", peer.state ? nullptr : json_object_new_string(fault_of(peer)));
-    const auto add = [&](const char *key, json_object *value) { json_object_object_add(object, key, value); };
-    if (!peer.state)
-        return object;
+    const vpn_state none{};
+    const auto add = [&](const char *key, json_object *value) {
+        const json_handle owner{peer.state ? nullptr : value};
+        json_object_object_add(object, key, owner ? nullptr : value);
+    };
     for_each_field(
-        *peer.state, [&](const char *key, int32_t v) { add(key, v == -1 ? nullptr : json_object_new_int(v)); },
+        peer.state ? *peer.state : none,
+        [&](const char *key, int32_t v) { add(key, v == -1 ? nullptr : json_object_new_int(v)); },
         [&](const char *key, int32_t v) { add(key, v == -1 ? nullptr : json_object_new_boolean(v != 0)); },
         [&](const char *key, const char *v) { add(key, v ? new_string(v) : nullptr); },
         [&](const char *key, uint32_t v) { add(key, v == 0 ? nullptr : json_object_new_string(ip_format_s(v))); });
