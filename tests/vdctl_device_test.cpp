@@ -101,11 +101,11 @@ TEST_F(vdctl_device, doctor_tells_what_is_wrong_and_what_to_do)
         {"chmod 755 /var/run/vandrel", "warn  folder    /var/run/vandrel: root vandrel 755: chown root:vandrel and "
                                        "chmod 1775, so that daemons can serve and none removes another's socket"},
         {"echo vandrel:x:0: >/etc/group",
-         "warn  group     vdipc is missing: only root and the daemon's own user can connect"},
-        {"rm /etc/vandrel/zones.json",
-         "fail  zones     /etc/vandrel/zones.json: No such file or directory: nobody may reach anything"},
-        {"chmod 666 /etc/vandrel/zones.json",
-         "fail  zones     /etc/vandrel/zones.json: user root, mode 666: others than root may change who gets in"},
+         "warn  group     vdipc is missing: only root and the daemon's own user can connect; add it to /etc/group"},
+        {"rm /etc/vandrel/zones.json", "fail  zones     /etc/vandrel/zones.json: No such file or directory: nobody may "
+                                       "reach anything; put a zone file there"},
+        {"chmod 666 /etc/vandrel/zones.json", "fail  zones     /etc/vandrel/zones.json: user root, mode 666: others "
+                                              "than root may change who gets in; chown root and chmod 644"},
         {"echo { >/etc/vandrel/zones.json",
          "fail  zones     /etc/vandrel/zones.json does not load whole, 1 finding: vdctl zones check"},
         {"sed -i s/out/aut/ /etc/vandrel/zones.json",

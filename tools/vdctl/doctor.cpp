@@ -123,7 +123,7 @@ void check_groups(report &told)
         if (getgrnam(name))
             told.ok("group", text::of(name));
         else
-            told.warn("group", text::of(name) + " is missing: " + without);
+            told.warn("group", text::of(name) + " is missing: " + without + "; add it to /etc/group");
     }
 }
 
@@ -174,11 +174,12 @@ void check_zones(report &told)
 {
     struct stat status;
     if (stat(live_file, &status) != 0)
-        return told.fail("zones",
-                         text::of(live_file) + ": " + text::of(std::strerror(errno)) + ": nobody may reach anything");
+        return told.fail("zones", text::of(live_file) + ": " + text::of(std::strerror(errno)) +
+                                      ": nobody may reach anything; put a zone file there");
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_uid != 0)
         told.fail("zones", text::of(live_file) + ": user " + text::of(user_name(status.st_uid)) + ", mode " +
-                               octal(status.st_mode & 07777) + ": others than root may change who gets in");
+                               octal(status.st_mode & 07777) +
+                               ": others than root may change who gets in; chown root and chmod 644");
     const bool loads = zones_load() != 0;
     const std::size_t findings = find_mistakes(read_zone_text(live_file)).size();
     zones_free();
