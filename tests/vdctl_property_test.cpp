@@ -75,25 +75,17 @@ private:
         std::string fields = R"("direction": ")" + one_of(directions) + '"';
         fields += below(8) ? "" : R"(, "disabled": true)";
         if (kind < 5)
-            return key(one_of(peers)) + R"({"type": "serialization", )" + fields + "}";
+            return '"' + one_of(peers) + R"(": {"type": "serialization", )" + fields + "}";
         if (kind < 6)
-            return key(one_of(ports)) + R"({"type": "port", )" + fields + "}";
+            return '"' + one_of(ports) + R"(": {"type": "port", )" + fields + "}";
         const bool is_mac = kind == 6;
         fields += R"(, "address_start": ")" + address(is_mac) + '"';
         if (kind == 7)
             fields += R"(, "netmask": ")" + one_of(netmasks) + '"';
         else if (below(4))
             fields += R"(, "address_end": ")" + (below(30) ? address(is_mac) : "10.0.0.256") + '"';
-        return key("a" + std::to_string(below(6))) + R"({"type": "whitelisted_)" + (is_mac ? "mac\", " : "ip\", ") +
+        return "\"a" + std::to_string(below(6)) + R"(": {"type": "whitelisted_)" + (is_mac ? "mac\", " : "ip\", ") +
                fields + "}";
-    }
-
-    /// Now and then written in another way, as json-c decodes it.
-    std::string key(const std::string &name)
-    {
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\u%04x", name[0]);
-        return '"' + (below(9) ? name : escaped + name.substr(1)) + "\": ";
     }
 
     std::string address(bool is_mac) { return is_mac ? mac_text(below(space)) : ip_text(first_ip + below(space)); }
