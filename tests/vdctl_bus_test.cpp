@@ -129,6 +129,7 @@ TEST_F(vdctl_bus_test, lists_who_serves)
                      ", \"command\": \"vdctl_bus_test\", \"user\": \"root\", \"group\": \"root\", \"mode\": \"0751\", "
                      "\"peers\": 1}]}\n"},
                 {"vdctl --complete bus call ''", 0, "daemon\n"},
+                {"vdctl --complete zones check ''", 0},
             });
         child_process second{serve};
         EXPECT_EQ(run("until vdctl bus list | grep -q 'daemon.twice.-'; do :; done").status, 0);

@@ -267,7 +267,7 @@ TEST_F(vdctl_property, each_near_miss_makes_a_yes)
 TEST_F(vdctl_property, matrix_lists_what_asking_for_everything_finds)
 {
     write_script("/usr/share/vandrel/check_zone_scheduled_access.lua", odd_zones_closed);
-    for (unsigned seed = 1; seed <= 60 && !HasFailure(); ++seed) {
+    for (unsigned seed = 1; seed <= 300 && !HasFailure(); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const std::string text = generated{seed}.text;
         write_zones(text);

@@ -228,7 +228,8 @@ TEST_F(vdctl_test, asks_about_another_file)
     write_file("/etc/vandrel/schedules", "kept");
     write_script(schedule_script, "#!/bin/sh\ngrep -q lan7 $1 && grep -q kept /etc/vandrel/schedules && echo true\n");
     // What is lost shares its ends with what remains, its numbers with MAC addresses, and a port's name with a peer.
-    write_file("/tmp/edits", R"(s/"lan1"/"lan7": {"type": "port", "direction": "out"}, "lan1"/
+    write_file("/tmp/edits", R"(s/"token-A"/"token-N": {"type": "serialization", "direction": "in"}, "token-A"/
+s/"lan1"/"lan7": {"type": "port", "direction": "out"}, "lan1"/
 s/"lan1": {"type": "port"/"lan1": {"type": "serialization"/
 s/"10.1.0.0", "netmask": "16"/"10.0.0.0", "address_end": "10.1.0.0"/
 s/192.168.1.10/10.1.255.255/
@@ -238,10 +239,11 @@ s/00:11:22:33:44:00/00:00:0a:01:00:00/
     EXPECT_EQ(run("sed -f edits example.json >other.json").status, 0);
     expect_outcomes(powerless + "vdctl zones ",
                     {{"why -qf other.json token-A lan7", 0}, {"diff -f other.json other.json", 0}});
-    expect_outcomes("vdctl zones ", {
-                                        {"why token-A -qf - lan7 <other.json", 0},
-                                        {"who --file=/dev/stdin lan1 <<END\n$(cat other.json)\nEND\n", 1},
-                                        {"diff other.json | grep A", 0, R"(-	token-A	ip	10.1.0.1-10.1.255.254
+    expect_outcomes("vdctl zones ",
+                    {
+                        {"why token-A -qf - lan7 <other.json", 0},
+                        {"who --file=/dev/stdin lan1 <<END\n$(cat other.json)\nEND\n", 1},
+                        {"diff other.json | grep -E 'A|N.*lan7'", 0, R"(-	token-A	ip	10.1.0.1-10.1.255.254
 -	token-A	ip	192.168.1.10-192.168.1.20
 -	token-A	port	lan1
 +	token-A	ip	10.0.0.0-10.0.255.255
@@ -249,8 +251,9 @@ s/00:11:22:33:44:00/00:00:0a:01:00:00/
 +	token-A	mac	00:00:0a:01:00:00-00:11:22:33:43:ff
 +	token-A	port	lan7
 +	token-A	peer	lan1
++	token-N	port	lan7
 )"},
-                                    });
+                    });
     EXPECT_EQ(read_file(zones_file), example_file());
     write_script(schedule_script, "#!/bin/sh\ngrep -q lan7 $1 && echo true\n");
     expect_outcomes("", {
