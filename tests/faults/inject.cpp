@@ -18,23 +18,14 @@
 
 namespace {
 
-struct countdown {
-    long calls = 0;
-    long failing = 0;
-    bool happened = false;
+using inject::armed, inject::disk_change;
 
-    void start(long n) { *this = {0, n, false}; }
-    bool hit()
-    {
-        ++calls;
-        if (calls != failing)
-            return false;
-        return happened = true;
-    }
-};
+bool is_due(inject::calls called)
+{
+    return armed.left > 0 && armed.failing == called && --armed.left == 0;
+}
 
-countdown memory;
-const char *refused_by = "";
+// Memory.
 
 struct noted_block {
     const void *block;
@@ -47,31 +38,19 @@ struct {
     noted_block blocks[100'000];
 } since;
 
-/// The library whose code asks for memory, itself or through the C or the C++ library. Allocates nothing.
-const char *calling_library()
+bool is_refused()
 {
-    static bool busy;
-    if (std::exchange(busy, true))
-        return "";
-    void *frames[24];
-    const int depth = backtrace(frames, 24);
-    const char *found = "";
-    for (int i = 1; i < depth && *found == '\0'; ++i) {
-        Dl_info info;
-        if (dladdr(frames[i], &info) == 0 || !std::strstr(info.dli_fname, ".so"))
-            continue;
-        const char *name = std::strrchr(info.dli_fname, '/') + 1;
-        if (std::strncmp(name, "libc.so", 7) != 0 && std::strncmp(name, "libstdc++", 9) != 0)
-            found = name;
-    }
-    busy = false;
-    return found;
+    if (!is_due(inject::calls::allocations))
+        return false;
+    armed.failed = inject::calling_library();
+    errno = armed.error;
+    return true;
 }
 
 void *remember(void *block)
 {
     if (block && since.on && since.count < std::size(since.blocks))
-        since.blocks[since.count++] = {block, calling_library()};
+        since.blocks[since.count++] = {block, inject::calling_library()};
     return block;
 }
 
@@ -87,38 +66,34 @@ void forget(const void *block)
     }
 }
 
-countdown files;
-int file_error;
-const char *file_call;
+// Files.
+
+bool is_half; // what the call is to do
+
+/// Whether the call that is made is the one to fail.
+bool fails(const char *name)
+{
+    const bool due = is_due(inject::calls::on_files);
+    is_half = due && armed.error == inject::short_count;
+    if (due)
+        armed.failed = name;
+    if (!due || is_half)
+        return false;
+    errno = armed.error;
+    return true;
+}
+
+std::size_t share(std::size_t size)
+{
+    return is_half ? (size + 1) / 2 : size;
+}
 
 bool noting;
-std::vector<inject::disk_change> *noted;
-
-/// Whether this call is the one to fail, or, with half, to do half of its work.
-bool fails(const char *name, bool *half = nullptr)
-{
-    if (!files.hit())
-        return false;
-    file_call = name;
-    if (file_error != inject::short_count) {
-        errno = file_error;
-        return true;
-    }
-    if (half)
-        *half = true;
-    return false;
-}
-
-template <typename Function> Function *next(Function *, const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
+std::vector<disk_change> noted;
 
 std::string path_of(int fd)
 {
-    char path[4096];
-    const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return {path, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
 }
 
 std::string plain(const char *path) // one name for one file
@@ -126,82 +101,54 @@ std::string plain(const char *path) // one name for one file
     return std::filesystem::path{path}.lexically_normal();
 }
 
-void note(inject::disk_change::kind what, int fd, const char *bytes = nullptr, std::size_t size = 0, off_t position = 0)
-{
-    const int error = errno;
-    struct stat status;
-    if (noting && fstat(fd, &status) == 0)
-        noted->push_back({what, status.st_ino, path_of(fd), "", std::string(bytes ? bytes : "", size), position});
-    errno = error;
-}
-
-std::size_t share(std::size_t size, bool half)
-{
-    return half ? (size + 1) / 2 : size;
-}
-
-int noted_open(int fd, int flags)
+int opened(int fd, int flags)
 {
     struct stat status;
-    if (fd >= 0 && (flags & O_CREAT) != 0 && fstat(fd, &status) == 0 && status.st_size == 0)
-        note(inject::disk_change::create, fd);
+    if (noting && fd >= 0 && (flags & O_CREAT) != 0 && fstat(fd, &status) == 0 && status.st_size == 0)
+        noted.push_back({disk_change::create, path_of(fd)});
     return fd;
 }
 
 } // namespace
 
+#define NEXT(function) reinterpret_cast<decltype(&(::function))>(dlsym(RTLD_NEXT, #function))
+/// A call on files that passes on to the C library's, and the change of the disk that it is.
+#define FAILING(result, function, parameters, passed_on, ...) \
+    result function parameters \
+    { \
+        static const auto next = NEXT(function); \
+        if (fails(#function)) \
+            return -1; \
+        __VA_OPT__(if (noting) noted.push_back(__VA_ARGS__);) \
+        return passed_on; \
+    }
+
 // In the program itself, so that all libraries call these. What glibc calls inside itself is not seen.
+#pragma GCC visibility push(default)
 extern "C" {
 void *__libc_malloc(std::size_t size);
 void *__libc_calloc(std::size_t count, std::size_t size);
 void *__libc_realloc(void *block, std::size_t size);
-void *__libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void *block);
 
-static bool refused()
-{
-    if (!memory.hit())
-        return false;
-    refused_by = calling_library();
-    errno = ENOMEM;
-    return true;
-}
-
-#pragma GCC visibility push(default)
 void *malloc(std::size_t size)
 {
-    return refused() ? nullptr : remember(__libc_malloc(size));
+    return is_refused() ? nullptr : remember(__libc_malloc(size));
 }
 
 void *calloc(std::size_t count, std::size_t size)
 {
-    return refused() ? nullptr : remember(__libc_calloc(count, size));
+    return is_refused() ? nullptr : remember(__libc_calloc(count, size));
 }
 
 void *realloc(void *block, std::size_t size)
 {
-    if (refused())
+    if (is_refused())
         return nullptr;
     void *moved = __libc_realloc(block, size);
     if (moved)
         forget(block);
     return remember(moved);
-}
-
-void *memalign(std::size_t alignment, std::size_t size)
-{
-    return refused() ? nullptr : remember(__libc_memalign(alignment, size));
-}
-
-void *aligned_alloc(std::size_t alignment, std::size_t size)
-{
-    return memalign(alignment, size);
-}
-
-int posix_memalign(void **block, std::size_t alignment, std::size_t size)
-{
-    *block = memalign(alignment, size);
-    return *block ? 0 : ENOMEM;
 }
 
 void free(void *block)
@@ -212,150 +159,56 @@ void free(void *block)
 
 int open(const char *path, int flags, ...)
 {
-    static const auto real = next(&::open, "open");
+    static const auto next = NEXT(open);
     va_list more;
     va_start(more, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(more, mode_t) : 0;
     va_end(more);
-    return fails("open") ? -1 : noted_open(real(path, flags, mode), flags);
+    return fails("open") ? -1 : opened(next(path, flags, mode), flags);
 }
 
-int open64(const char *path, int flags, ...)
-{
-    va_list more;
-    va_start(more, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(more, mode_t) : 0;
-    va_end(more);
-    return open(path, flags, mode);
-}
-
-int mkostemp(char *path, int flags)
-{
-    static const auto real = next(&::mkostemp, "mkostemp");
-    return fails("mkostemp") ? -1 : noted_open(real(path, flags), O_CREAT);
-}
-
-int mkostemp64(char *path, int flags)
-{
-    return mkostemp(path, flags);
-}
-
-ssize_t read(int fd, void *bytes, std::size_t size)
-{
-    static const auto real = next(&::read, "read");
-    bool half = false;
-    return fails("read", &half) ? -1 : real(fd, bytes, share(size, half));
-}
-
-ssize_t pread(int fd, void *bytes, std::size_t size, off_t position)
-{
-    static const auto real = next(&::pread, "pread");
-    bool half = false;
-    return fails("pread", &half) ? -1 : real(fd, bytes, share(size, half), position);
-}
-
-ssize_t pread64(int fd, void *bytes, std::size_t size, off64_t position)
-{
-    return pread(fd, bytes, size, position);
-}
-
-ssize_t write(int fd, const void *bytes, std::size_t size)
-{
-    static const auto real = next(&::write, "write");
-    bool half = false;
-    if (fails("write", &half))
-        return -1;
-    const off_t position = noting ? lseek(fd, 0, SEEK_CUR) : 0;
-    const ssize_t written = real(fd, bytes, share(size, half));
-    if (written > 0)
-        note(inject::disk_change::write, fd, static_cast<const char *>(bytes), static_cast<std::size_t>(written),
-             position);
-    return written;
-}
-
-int ftruncate(int fd, off_t size)
-{
-    static const auto real = next(&::ftruncate, "ftruncate");
-    if (fails("ftruncate"))
-        return -1;
-    note(inject::disk_change::truncate, fd, nullptr, 0, size);
-    return real(fd, size);
-}
-
-int ftruncate64(int fd, off64_t size)
-{
-    return ftruncate(fd, size);
-}
-
-int fsync(int fd)
-{
-    static const auto real = next(&::fsync, "fsync");
-    if (fails("fsync"))
-        return -1;
-    struct stat status;
-    const bool is_folder = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
-    note(is_folder ? inject::disk_change::sync_folder : inject::disk_change::sync, fd);
-    return real(fd);
-}
-
-int rename(const char *from, const char *to)
-{
-    static const auto real = next(static_cast<int (*)(const char *, const char *)>(&::rename), "rename");
-    if (fails("rename"))
-        return -1;
-    if (noting)
-        noted->push_back({inject::disk_change::rename, 0, plain(from), plain(to), "", 0});
-    return real(from, to);
-}
-
-int unlink(const char *path)
-{
-    static const auto real = next(&::unlink, "unlink");
-    if (fails("unlink"))
-        return -1;
-    if (noting)
-        noted->push_back({inject::disk_change::remove, 0, plain(path), "", "", 0});
-    return real(path);
-}
-
-int unlinkat(int folder, const char *path, int flags)
-{
-    static const auto real = next(&::unlinkat, "unlinkat");
-    if (fails("unlinkat"))
-        return -1;
-    if (noting)
-        noted->push_back({inject::disk_change::remove, 0, path_of(folder) + '/' + path, "", "", 0});
-    return real(folder, path, flags);
-}
-
-int mkdir(const char *path, mode_t mode)
-{
-    static const auto real = next(&::mkdir, "mkdir");
-    return fails("mkdir") ? -1 : real(path, mode);
+FAILING(int, mkostemp, (char *path, int flags), opened(next(path, flags), O_CREAT))
+FAILING(int, mkdir, (const char *path, mode_t mode), next(path, mode))
+FAILING(ssize_t, read, (int fd, void *bytes, std::size_t size), next(fd, bytes, share(size)))
+FAILING(ssize_t, pread, (int fd, void *bytes, std::size_t size, off_t position), next(fd, bytes, share(size), position))
+FAILING(ssize_t, write, (int fd, const void *bytes, std::size_t size), next(fd, bytes, share(size)),
+        {disk_change::write, path_of(fd), "", {static_cast<const char *>(bytes), size}, lseek(fd, 0, SEEK_CUR)})
+FAILING(int, ftruncate, (int fd, off_t size), next(fd, size), {disk_change::write, path_of(fd), "", "", size})
+FAILING(int, fsync, (int fd), next(fd), {disk_change::sync, path_of(fd)})
+FAILING(int, rename, (const char *from, const char *to), next(from, to), {disk_change::rename, plain(from), plain(to)})
+FAILING(int, unlink, (const char *path), next(path), {disk_change::remove, plain(path)})
+FAILING(int, unlinkat, (int folder, const char *path, int flags), next(folder, path, flags),
+        {disk_change::remove, path_of(folder) + '/' + path})
 }
 #pragma GCC visibility pop
-}
 
 namespace inject {
 
-void refuse_allocation(long n)
+fault armed;
+
+const char *calling_library()
 {
-    memory.start(n);
+    static bool is_busy;
+    if (std::exchange(is_busy, true))
+        return "";
+    void *frames[32];
+    const int depth = backtrace(frames, 32);
+    const char *found = "";
+    for (int i = 1; i < depth && *found == '\0'; ++i) {
+        Dl_info info;
+        if (dladdr(frames[i], &info) == 0 || !std::strstr(info.dli_fname, ".so"))
+            continue;
+        const char *name = std::strrchr(info.dli_fname, '/') + 1;
+        if (std::strncmp(name, "libc.so", 7) != 0 && std::strncmp(name, "libstdc++", 9) != 0)
+            found = name;
+    }
+    is_busy = false;
+    return found;
 }
 
-long allocations()
+bool is_ours(const char *library)
 {
-    return memory.calls;
-}
-
-bool allocation_refused()
-{
-    return memory.happened;
-}
-
-const char *refused_library()
-{
-    return memory.happened ? refused_by : "";
+    return library[0] == '\0' || std::strstr(library, "libvandrel") || std::strstr(library, "libuci");
 }
 
 void note_blocks()
@@ -367,51 +220,21 @@ void note_blocks()
 const char *leaking_library()
 {
     since.on = false;
-    const char *found = nullptr;
-    for (std::size_t i = 0; i < since.count; ++i) {
-        const char *library = since.blocks[i].library;
-        const bool is_ours = std::strstr(library, "libvandrel") || std::strstr(library, "libuci");
-        if (!found || is_ours)
-            found = library;
-        if (is_ours)
-            break;
-    }
-    return found;
-}
-
-void fail_file_call(long n, int error)
-{
-    file_error = error;
-    files.start(n);
-}
-
-long file_calls()
-{
-    return files.calls;
-}
-
-bool file_call_failed()
-{
-    return files.happened;
-}
-
-const char *failed_call()
-{
-    return file_call;
+    const auto end = since.blocks + since.count;
+    const auto ours = std::find_if(since.blocks, end, [](const noted_block &it) { return is_ours(it.library); });
+    return ours != end ? ours->library : since.count > 0 ? since.blocks[0].library : nullptr;
 }
 
 void note_changes()
 {
-    if (!noted)
-        noted = new std::vector<disk_change>;
-    noted->clear();
+    noted.clear();
     noting = true;
 }
 
 std::vector<disk_change> take_changes()
 {
     noting = false;
-    return std::exchange(*noted, {});
+    return std::exchange(noted, {});
 }
 
 } // namespace inject

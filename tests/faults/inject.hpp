@@ -9,31 +9,33 @@
 
 namespace inject {
 
-// Memory. Counted is every allocation from when n is given on; the n-th is refused (0: none).
-void refuse_allocation(long n);
-long allocations();
-bool allocation_refused();
-const char *refused_library(); // whose allocation it was; "" when none
-void note_blocks();            // from now on, blocks are remembered with the library that asked for them
-/// The library that asked for a block that was not freed since, or null: one of ours (first) before one of others.
-const char *leaking_library();
+enum class calls { allocations, on_files };
+constexpr int short_count = -1; // an error by which reads and writes do half of what they were to; other calls pass
 
-// Files. Counted is every call on files from when n is given on; the n-th gives the error, or for short_count reads or
-// writes half of what it was to (0: none). A call that knows no half passes.
-constexpr int short_count = -1;
-void fail_file_call(long n, int error);
-long file_calls();
-bool file_call_failed();
-const char *failed_call(); // its name
+/// The fault that is armed.
+struct fault {
+    calls failing = {};
+    long left = 0; // until the one that fails; 0: none is to fail
+    int error = 0;
+    const char *failed = nullptr; // the name of the call; of an allocation, the library that asked for it
+};
+extern fault armed;
+
+/// The library whose code runs, itself or through the C or the C++ library; "" for the program. Allocates nothing.
+const char *calling_library();
+bool is_ours(const char *library); // or the program
+
+void note_blocks(); // from now on, blocks are remembered with the library that asked for them
+/// The library that asked for a block that was not freed since, or null: one of ours before one of others.
+const char *leaking_library();
 
 /// One change of the disk, as the kernel was asked for it.
 struct disk_change {
-    enum kind { create, write, truncate, sync, sync_folder, rename, remove } what;
-    ino_t file;        // not for rename and remove
-    std::string path;  // create, rename, remove: the entry
-    std::string to;    // rename
-    std::string bytes; // write
-    off_t position;    // write, truncate
+    enum { create, write, sync, rename, remove } what;
+    std::string path;
+    std::string to{};    // rename
+    std::string bytes{}; // write
+    off_t position = 0;  // write: where the file ends without them
 };
 
 /// Notes all changes of the disk from now on, until they are taken.

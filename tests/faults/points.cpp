@@ -1,62 +1,57 @@
-#include "points.hpp"
-
+// points memory|disk: tries each scenario once per point of failure, each in a process of its own, and tells what came
+// out. Of memory, every allocation of the library and of what it calls is refused once; of the disk, every call on
+// files fails once with each error, on the way of a load, a save and a commit.
+#include "device.hpp"
 #include "inject.hpp"
 #include "logging.h"
+#include "processes.hpp"
+#include "scenarios.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
+#include <map>
 
-#include <dlfcn.h>
 #include <execinfo.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
 namespace {
 
 constexpr unsigned time_limit = 20; // seconds for one point
 
-/// What the process of one point tells; in shared memory, so that it stays when the process is killed.
-struct report {
-    long points;
-    bool happened, finished;
-    char where[32];
-    outcome right, got, again;
-    char leaked_by[64], refused[64];
-    char crashed_in[128];
+struct fault_kind {
+    const char *name;
+    int error;
+
+    bool is_lasting() const { return error == EIO || error == ENOSPC; } // trying again is no help
 };
+constexpr fault_kind memory_faults[] = {{"allocation", ENOMEM}};
+constexpr fault_kind disk_faults[] = {
+    {"EIO", EIO}, {"ENOSPC", ENOSPC}, {"EMFILE", EMFILE}, {"EINTR", EINTR}, {"short", inject::short_count}};
+inject::calls failing;
 
-report *shared;
+/// What the process of one point tells.
+struct report {
+    bool has_failed, is_finished;
+    outcome right, got, again;
+    outcome refused, leaked_by, crashed_in; // libraries; refused is the name of the call on files that failed
+};
+report &told = shared_with_children<report>();
 
-template <std::size_t Size> void copy(char (&to)[Size], const char *text)
-{
-    std::snprintf(to, Size, "%s", text);
-}
+struct {
+    long points = 0, right = 0, documented = 0, wrong = 0;
+    std::map<std::string, long> below; // crashed and leaked inside a library that ours calls
+} sum;
 
-/// The library whose code crashed, or called the C library's that did.
 void note_crash(int signal)
 {
-    void *frames[32];
-    const int depth = backtrace(frames, 32);
-    for (int i = 1; i < depth && shared->crashed_in[0] == '\0'; ++i) {
-        Dl_info info;
-        if (dladdr(frames[i], &info) != 0 && std::strstr(info.dli_fname, ".so") &&
-            !std::strstr(info.dli_fname, "libc.so"))
-            std::snprintf(shared->crashed_in, sizeof shared->crashed_in, "%s", std::strrchr(info.dli_fname, '/') + 1);
-    }
+    told.crashed_in = say("%s", inject::calling_library());
     _exit(128 + signal);
 }
 
-outcome prepared_call(const scenario &tried)
-{
-    tried.prepare();
-    return tried.call();
-}
-
-void run_point(const scenario &tried, const fault_kind &kind, long n)
+int run_point(const scenario &tried, const fault_kind &kind, long n)
 {
     void *warm[1];
     backtrace(warm, 1); // loads what it needs
@@ -64,118 +59,116 @@ void run_point(const scenario &tried, const fault_kind &kind, long n)
         std::signal(signal, note_crash);
     alarm(time_limit);
     vd_logging_log(libvandrel_logcontext, LOG_INFO, "points.cpp", 1, ENOENT, "the first record"); // allocates for good
-    prepared_call(tried);
-    shared->right = prepared_call(tried);
-    tried.release();
+    for (int warming = 0; warming < 2; ++warming) {
+        prepare();
+        told.right = tried.call();
+    }
+    release();
     inject::note_blocks();
-    tried.prepare();
-    kind.arm(n);
-    shared->got = tried.call();
-    shared->happened = kind.happened();
-    shared->points = kind.points();
-    copy(shared->refused, inject::refused_library());
-    kind.arm(0);
-    if (const char *where = kind.where())
-        copy(shared->where, where);
-    shared->again = prepared_call(tried);
-    tried.release();
+    prepare();
+    inject::armed = {failing, n, kind.error};
+    told.got = tried.call();
+    inject::armed.left = 0;
+    told.has_failed = inject::armed.failed != nullptr;
+    told.refused = say("%s", told.has_failed ? inject::armed.failed : "");
+    prepare();
+    told.again = tried.call();
+    release();
     if (const char *library = inject::leaking_library())
-        copy(shared->leaked_by, *library ? library : "the program");
-    shared->finished = true;
+        told.leaked_by = say("%s", *library ? library : "the program");
+    told.is_finished = true;
+    return 0;
+}
+
+bool is_documented(const char *failures)
+{
+    const std::string_view right = told.right.view(), got = told.got.view();
+    if (right == got)
+        return true;
+    if (failures)
+        return ('|' + std::string{failures} + '|').find('|' + std::string{got} + '|') != std::string::npos;
+    return std::ranges::equal(got, right, std::ranges::less_equal{});
 }
 
 const char *fault_of(const scenario &tried, int status)
 {
-    if (!shared->finished)
+    if (!told.is_finished)
         return WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM ? "hung" : "crashed";
-    if (!is_documented(tried, shared->right, shared->got))
+    if (!is_documented(tried.failures))
         return "undocumented outcome";
-    if (shared->again.view() != shared->right.view())
+    if (told.again.view() != told.right.view())
         return "the next call is wrong";
-    return shared->leaked_by[0] != '\0' ? "leaked" : nullptr;
+    return told.leaked_by.text[0] != '\0' ? "leaked" : nullptr;
 }
 
-bool is_ours(const char *library)
+/// Whether the call that failed puts something on the disk, so that somebody has to hear of it.
+bool is_change_failed()
 {
-    return library[0] == '\0' || std::strstr(library, "libvandrel") || std::strstr(library, "libuci");
+    const std::string_view call = told.refused.view();
+    return call == "write" || call == "fsync" || call == "rename";
 }
 
-/// Whether a call of that name puts something on the disk, so that somebody has to hear of its failure.
-bool is_change(const char *call)
+/// The library below ours whose own fault it is, or null.
+const char *culprit_below(std::string_view fault)
 {
-    return std::strcmp(call, "write") == 0 || std::strcmp(call, "fsync") == 0 || std::strcmp(call, "rename") == 0;
+    if (fault == "crashed" && !inject::is_ours(told.crashed_in.text))
+        return told.crashed_in.text;
+    const bool refused_below = failing == inject::calls::allocations && !inject::is_ours(told.refused.text);
+    return fault == "leaked" && refused_below && !inject::is_ours(told.leaked_by.text) ? told.leaked_by.text : nullptr;
 }
 
-/// Adds one point to the sum.
-void judge(const scenario &tried, const fault_kind &kind, long n, int status, tally &sum, int &untold)
+void judge(const scenario &tried, const fault_kind &kind, long n, int status, int &untold)
 {
     ++sum.points;
+    const bool is_right = told.got.view() == told.right.view();
     const char *fault = fault_of(tried, status);
-    if (!fault && kind.is_lasting && is_change(shared->where) && shared->got.view() == shared->right.view())
-        fault = ++untold > tried.untold ? "not told" : nullptr;
+    if (!fault && kind.is_lasting() && is_change_failed() && is_right && ++untold > tried.untold)
+        fault = "not told";
     if (!fault) {
-        ++(shared->got.view() == shared->right.view() ? sum.right : sum.documented);
-        return;
+        ++(is_right ? sum.right : sum.documented);
+    } else if (const char *library = culprit_below(fault)) {
+        ++sum.below[fault + std::string{" inside "} + library];
+    } else {
+        ++sum.wrong;
+        std::printf("WRONG  %s: %s %ld (%s): %s: \"%s\" for \"%s\", then \"%s\"; crash in %s, leak by %s\n", tried.name,
+                    kind.name, n, told.refused.text, fault, told.got.text, told.right.text, told.again.text,
+                    told.crashed_in.text, told.leaked_by.text);
     }
-    const bool crashed_below = !shared->finished && !is_ours(shared->crashed_in);
-    const bool leaked_below =
-        std::strcmp(fault, "leaked") == 0 && !is_ours(shared->leaked_by) && !is_ours(shared->refused);
-    if (crashed_below || leaked_below) {
-        ++(crashed_below ? sum.crashed_below : sum.leaked_below);
-        std::printf("       %s: %s %ld: %s inside %s\n", tried.name, kind.name, n, fault,
-                    crashed_below ? shared->crashed_in : shared->leaked_by);
-        return;
+}
+
+void try_all_points(const scenario &tried, const fault_kind &kind)
+{
+    const long before = sum.points;
+    int untold = 0;
+    for (long n = 1;; ++n) {
+        told = {};
+        int status = 0;
+        waitpid(start([&] { return run_point(tried, kind, n); }), &status, 0);
+        if (told.is_finished && !told.has_failed)
+            break;
+        judge(tried, kind, n, status, untold);
     }
-    ++sum.wrong;
-    std::printf("WRONG  %s: %s %ld %s: %s: \"%s\" for \"%s\", then \"%s\"; crash in %s, leak by %s, refused to %s\n",
-                tried.name, kind.name, n, shared->where, fault, shared->got.text, shared->right.text,
-                shared->again.text, shared->crashed_in, shared->leaked_by, shared->refused);
+    std::printf("%5ld points  %s: %s\n", sum.points - before, kind.name, tried.name);
 }
 
 } // namespace
 
-tally &tally::operator+=(const tally &other)
+int main(int argc, char **argv)
 {
-    points += other.points;
-    right += other.right;
-    documented += other.documented;
-    crashed_below += other.crashed_below;
-    leaked_below += other.leaked_below;
-    wrong += other.wrong;
-    return *this;
-}
-
-tally try_all_points(const scenario &tried, const fault_kind &kind)
-{
-    if (!shared)
-        shared = static_cast<report *>(
-            mmap(nullptr, sizeof *shared, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    tally sum;
-    int untold = 0;
-    for (long n = 1;; ++n) {
-        *shared = {};
-        std::fflush(stdout);
-        const pid_t child = fork();
-        if (child == 0) {
-            run_point(tried, kind, n);
-            _exit(0);
+    const bool on_disk = argc > 1 && std::strcmp(argv[1], "disk") == 0;
+    const long wanted_points = on_disk ? 300 : 1000;
+    failing = on_disk ? inject::calls::on_files : inject::calls::allocations;
+    enter_device();
+    logging_init("points", 0);
+    for (const scenario &tried : scenarios) {
+        for (const fault_kind &kind : on_disk ? std::span<const fault_kind>{disk_faults} : memory_faults) {
+            if (tried.uses_files || !on_disk)
+                try_all_points(tried, kind);
         }
-        int status = 0;
-        waitpid(child, &status, 0);
-        if (shared->finished && !shared->happened)
-            break;
-        judge(tried, kind, n, status, sum, untold);
     }
-    std::printf("%5ld points  %s: %s\n", sum.points, kind.name, tried.name);
-    return sum;
-}
-
-int conclude(const char *what, const tally &sum, long wanted_points)
-{
-    std::printf("%s: %ld points: %ld right all the same, %ld failed as documented, %ld crashed and %ld leaked inside a "
-                "library below, %ld wrong\n",
-                what, sum.points, sum.right, sum.documented, sum.crashed_below, sum.leaked_below, sum.wrong);
-    if (sum.points < wanted_points)
-        std::printf("%s: fewer than the %ld points that there should be\n", what, wanted_points);
+    for (const auto &[fault, count] : sum.below)
+        std::printf("%5ld %s\n", count, fault.c_str());
+    std::printf("%ld points: %ld right all the same, %ld failed as documented, %ld wrong; at least %ld wanted\n",
+                sum.points, sum.right, sum.documented, sum.wrong, wanted_points);
     return sum.wrong == 0 && sum.points >= wanted_points ? 0 : 1;
 }

@@ -4,9 +4,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 
 #include <poll.h>
@@ -104,30 +101,6 @@ records device_test::log(std::size_t at_least) const
     for (const std::string &raw : raw_log(at_least))
         result.push_back(parse(raw));
     return result;
-}
-
-void write_file(const std::string &path, std::string_view content, mode_t mode)
-{
-    std::filesystem::create_directories(std::filesystem::path{path}.parent_path());
-    std::ofstream{path, std::ios::binary} << content;
-    chmod(path.c_str(), mode);
-}
-
-void write_script(const std::string &path, std::string_view content)
-{
-    write_file(path, content, 0755);
-}
-
-std::string read_file(const std::string &path)
-{
-    std::ifstream file{path, std::ios::binary};
-    return {std::istreambuf_iterator<char>{file}, {}};
-}
-
-int open_descriptors()
-{
-    const std::filesystem::directory_iterator listing{"/proc/self/fd"}; // is one of them while it counts
-    return static_cast<int>(std::distance(begin(listing), end(listing))) - 1;
 }
 
 std::string built_program(const std::string &path_in_build_tree)

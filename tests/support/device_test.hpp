@@ -3,6 +3,7 @@
 #pragma once
 
 #include "device.hpp"
+#include "files.hpp"
 
 #include <cstddef>
 #include <iosfwd>
@@ -11,7 +12,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 /// A log record as it reached /dev/log (; in its text is \;); err is the
 /// number in its "error" tag, or -1 without one.
@@ -43,11 +43,6 @@ protected:
 private:
     int socket_;
 };
-
-void write_file(const std::string &path, std::string_view content, mode_t mode = 0644);
-void write_script(const std::string &path, std::string_view content);
-std::string read_file(const std::string &path); // empty when there is none
-int open_descriptors();                         // how many the process has
 
 /// The command that runs a program of the build tree here, whatever machine it is for.
 std::string built_program(const std::string &path_in_build_tree);
