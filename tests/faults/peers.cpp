@@ -90,7 +90,10 @@ int send_frames(long hostile)
                 bytes += hostile_frame(random);
             for (int i = 0; i < 5; ++i)
                 bytes += valid_frame(c, numbers[c]++) + hostile_frame(random);
-            write_whole(fds[c], bytes);
+            const std::size_t cut = random() % bytes.size(); // within a frame, mostly
+            write_whole(fds[c], bytes.substr(0, cut));
+            usleep(10); // so that it arrives by itself
+            write_whole(fds[c], bytes.substr(cut));
             sent += 30;
         } else {
             write_whole(fds[c], bytes + endings[random() % 2]);

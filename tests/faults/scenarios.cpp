@@ -69,11 +69,20 @@ void write_files()
 
 // Whoever loses a deny flag of the file, "disabled" or a netmask, or keeps what was loaded before, lets somebody in.
 const generated_zones written = generate_zones({.seed = 98, .zones = 6, .members = 12});
-const generated_zones written_before = generate_zones({.seed = 104, .zones = 6, .members = 12});
+
+/// A file by which everybody reaches all others and all addresses.
+std::string wide_open()
+{
+    std::string members =
+        R"("all": {"type": "whitelisted_ip", "direction": "out", "address_start": "0.0.0.0", "netmask": "0.0.0.0"})";
+    for (const std::string &name : written.names)
+        members += ", \"" + name + R"(": {"type": "serialization", "direction": "both"})";
+    return R"({"zone_configuration": {"zones": {"1": {"members": {)" + members + "}}}}}";
+}
 
 void write_zones()
 {
-    write_file(zone_file, written_before.text);
+    write_file(zone_file, wide_open());
     fs::last_write_time(zone_file, fs::file_time_type::clock::now() - std::chrono::hours{1});
     zones_load();
     write_file(zone_file, written.text);
