@@ -101,13 +101,6 @@ const char *fault_of(const scenario &tried, int status)
     return told.leaked_by.text[0] != '\0' ? "leaked" : nullptr;
 }
 
-/// Whether the call that failed puts something on the disk, so that somebody has to hear of it.
-bool is_change_failed()
-{
-    const std::string_view call = told.refused.view();
-    return call == "write" || call == "fsync" || call == "rename";
-}
-
 /// The library below ours whose own fault it is, or null.
 const char *culprit_below(std::string_view fault)
 {
@@ -122,7 +115,9 @@ void judge(const scenario &tried, const fault_kind &kind, long n, int status, in
     ++sum.points;
     const bool is_right = told.got.view() == told.right.view();
     const char *fault = fault_of(tried, status);
-    if (!fault && kind.is_lasting() && is_change_failed() && is_right && ++untold > tried.untold)
+    const std::string_view call = told.refused.view();
+    const bool is_change = call == "write" || call == "fsync" || call == "rename"; // of the disk: somebody has to hear
+    if (!fault && kind.is_lasting() && is_change && is_right && ++untold > tried.untold)
         fault = "not told";
     if (!fault) {
         ++(is_right ? sum.right : sum.documented);
@@ -148,7 +143,7 @@ void try_all_points(const scenario &tried, const fault_kind &kind)
             break;
         judge(tried, kind, n, status, untold);
     }
-    std::printf("%5ld points  %s: %s\n", sum.points - before, kind.name, tried.name);
+    std::printf("%5ld points  %s: %s, else \"%.40s\"\n", sum.points - before, kind.name, tried.name, told.right.text);
 }
 
 } // namespace

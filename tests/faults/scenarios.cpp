@@ -177,7 +177,7 @@ outcome list_members()
 {
     zone_member **members = nullptr;
     uint32_t count = 77;
-    const int listed = zones_get_allowed_members(&members, &count, "token-a", ZONE_DIRECTION_BOTH);
+    const int listed = zones_get_allowed_members(&members, &count, "vd-vpnclient-b", ZONE_DIRECTION_BOTH);
     free(members);
     return say("%d %u", listed, count);
 }
@@ -321,7 +321,7 @@ const scenario all[] = {
     {"zones_load", [] { return asked(zones_load()); }, nullptr, true},
     {"zones_update_schedule_access", [] { return asked(zones_update_schedule_access()); }, nullptr, true},
     {"zones_get_allowed_members", list_members, "0 77"},
-    {"zones_get_client_options", filled<[](char *to) { return zones_get_client_options(to, "token-a"); }>,
+    {"zones_get_client_options", filled<[](char *to) { return zones_get_client_options(to, "vd-vpnclient-b"); }>,
      "0 as it was"},
 
     {"vpnstate_load", load_peer, "none", true},
