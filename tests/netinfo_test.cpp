@@ -28,8 +28,6 @@ const char topology[] = "ip link add br-lan up type bridge && ip address add 192
 
 TEST_F(netinfo, an_interface_has_its_first_address)
 {
-    if (is_emulated())
-        GTEST_SKIP() << "qemu-user answers reads of /proc/net/route itself";
     run(topology);
     run("ip link add fifteen-letters type bridge && ip address add 10.0.0.1/8 dev fifteen-letters");
     const struct {
@@ -65,15 +63,20 @@ protected:
         return std::to_string(found) + ' ' + ifname + ifname[16] + ip_format_s(gateway);
     }
 
-    /// From now on the table is what write_table writes; before that there is none.
-    static void replace_table()
+    static constexpr char none[] = "0 ##################255.255.255.254";
+};
+
+/// The table is what write_table writes; before that there is none.
+class replaced_route : public route {
+protected:
+    void SetUp() override
     {
+        if (is_emulated())
+            GTEST_SKIP() << "qemu-user answers reads of /proc/net/route itself";
         std::filesystem::create_directory("/tmp/net");
         ASSERT_EQ(mount("/tmp/net", "/proc/self/net", "", MS_BIND, nullptr), 0);
     }
     static void write_table(const std::string &text) { write_file("/tmp/net/route", text); }
-
-    static constexpr char none[] = "0 ##################255.255.255.254";
 };
 
 TEST_F(route, the_kernels_default_route_needs_a_gateway)
@@ -94,9 +97,8 @@ TEST_F(route, half_of_all_addresses_count_as_the_default_route)
     EXPECT_EQ(find(), "1 br-lan#192.168.1.8"); // which the kernel lists first
 }
 
-TEST_F(route, either_output_alone_or_none)
+TEST_F(replaced_route, either_output_alone_or_none)
 {
-    replace_table();
     write_table("header\neth0\t00000000\t0101A8C0\t3\t0\n");
     char ifname[16];
     uint32_t gateway = 0;
@@ -107,7 +109,7 @@ TEST_F(route, either_output_alone_or_none)
     EXPECT_EQ(netinfo_get_default_route(nullptr, nullptr), 0);
 }
 
-TEST_F(route, the_default_route_is_among_the_first_five)
+TEST_F(replaced_route, the_default_route_is_among_the_first_five)
 {
     const std::string other = "eth9\t0001A8C0\t0101A8C0\t3\t0\n", fields = "\t00000000\t0101A8C0\t3\t0\n";
     const std::string address = ip_format_s(ntohl(0x0101A8C0)); // the kernel's number is this machine's
@@ -130,7 +132,6 @@ TEST_F(route, the_default_route_is_among_the_first_five)
                                      {"fifteen-letters" + fields, "1 fifteen-letters#" + address},
                                      {"sixteen-letters-" + fields, "1 #" + address},
                                      {"", none}};
-    replace_table();
     EXPECT_EQ(find(), none); // without a table
     for (const auto &[routes, want] : tables) {
         write_table("eth0" + fields + routes); // the first line is always the header
@@ -139,13 +140,12 @@ TEST_F(route, the_default_route_is_among_the_first_five)
     EXPECT_EQ(log(), (records{warn("parsing gateway failed: zz\n"), warn("parsing gateway failed: zzzzzzzz")}));
 }
 
-TEST_F(route, the_bearer_is_told_by_the_interface)
+TEST_F(replaced_route, the_bearer_is_told_by_the_interface)
 {
     const std::pair<const char *, int> cases[] = {
         {"3g-wan3", NETINFO_BEARER_MOBILE},   {"3g-wan30", NETINFO_BEARER_UNKNOWN}, {"wwan0", NETINFO_BEARER_MOBILE},
         {"wwa", NETINFO_BEARER_UNKNOWN},      {"br-wan", NETINFO_BEARER_ETHERNET},  {"br-wanx", NETINFO_BEARER_UNKNOWN},
         {"br-lan2", NETINFO_BEARER_ETHERNET}, {"eth0.1", NETINFO_BEARER_ETHERNET},  {"wlan0", NETINFO_BEARER_UNKNOWN}};
-    replace_table();
     EXPECT_EQ(netinfo_get_bearer_type(), NETINFO_BEARER_UNKNOWN);
     EXPECT_EQ(log(), records{warn("Could not get network interface")});
     for (const auto &[ifname, want] : cases) {

@@ -11,7 +11,9 @@ class vdctl_device : public device_test {
 protected:
     vdctl_device()
     {
-        setenv("PATH", (host_path(BINARY_DIR) + "/tools/vdctl:" + std::getenv("PATH")).c_str(), 1);
+        const std::string program = built_program("tools/vdctl/vdctl");
+        write_script("/opt/vdctl", "#!/bin/sh\nexec " + program + " \"$@\"\n");
+        setenv("PATH", (std::string{"/opt:"} + std::getenv("PATH")).c_str(), 1);
         setenv("NO_COLOR", "1", 1);
         std::filesystem::current_path("/tmp");
     }
