@@ -416,6 +416,13 @@ TEST_F(ipc_test, handlers_may_change_the_bus)
     EXPECT_EQ(write_to(fresh, R"({"type":"again"})"), 0);
     run();
     EXPECT_EQ(heard.back(), "default again -");
+
+    const int silent = ipc_client_new("test", base, nullptr);
+    EXPECT_EQ(write_to(silent, R"({"type":"last"})"), 0);
+    run();
+    ipc_close(heard_from);
+    run();
+    EXPECT_EQ(write_to(silent, "{}"), -1) << "an end that nobody wants to hear of";
 }
 
 TEST_F(ipc_test, handlers_may_run_another_loop)
@@ -715,6 +722,9 @@ TEST_F(ipc_test, messages_to_subscribers)
     EXPECT_TRUE(is_closed(fd));
     EXPECT_FALSE(is_closed(other_fd));
     EXPECT_EQ(subscribers("news"), (descriptors{54321, other, 54322}));
+    EXPECT_EQ(subscribers("more"), descriptors{});
+    EXPECT_EQ(ipc_server_add_subscriber("more", listening), 0);
+    ipc_close(listening);
     EXPECT_EQ(subscribers("more"), descriptors{});
     ipc_server_remove_all_subscribers(-1);
     EXPECT_EQ(write_to(other, "{}"), 0) << "no connection is touched";
