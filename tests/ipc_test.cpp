@@ -298,6 +298,12 @@ TEST_F(ipc_test, writes_whole_frames_or_nothing)
     EXPECT_GT(second, 65'536) << "filled in one go";
     const std::size_t left = queued * (longest_body + 4) - static_cast<std::size_t>(first + second);
     EXPECT_EQ(receive(fd, left).size(), left);
+
+    for (int i = 0; i < 300; ++i) { // also where the socket takes nothing of what is queued first
+        EXPECT_EQ(write_to(other, text_of(5'000)), 0);
+        run(1);
+    }
+    EXPECT_EQ(receive(other_fd, 300 * 5'005).size(), 300U * 5'005U);
 }
 
 TEST_F(ipc_test, ends_are_noticed)
