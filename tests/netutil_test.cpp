@@ -14,13 +14,10 @@ TEST_F(netutil, port_names_are_taken_apart)
     const struct {
         const char *name, *prefix;
         int number, vlan;
-    } cases[] = {{"lan1", "lan", 1, -1},
-                 {"lan2.10", "lan", 2, 10},
-                 {"lan0", "lan", 0, -1},
-                 {"Z9999.4095", "Z", 9999, 4095},
-                 {"e0.0", "e", 0, 0},
-                 {"00000000000005", "", 5, -1},
-                 {"lan000000000012", "lan", 12, -1}};
+    } cases[] = {{"lan1", "lan", 1, -1},        {"lan2.10", "lan", 2, 10},
+                 {"lan0", "lan", 0, -1},        {"Z9999.4095", "Z", 9999, 4095},
+                 {"e0.0", "e", 0, 0},           {"Aaz1", "Aaz", 1, -1},
+                 {"00000000000005", "", 5, -1}, {"lan000000000012", "lan", 12, -1}};
     for (const auto &[name, prefix, number, vlan] : cases) {
         netutil_ifname_parts parts{"?", -9, -9};
         EXPECT_EQ(netutil_parse_portname(&parts, name), 1) << name;

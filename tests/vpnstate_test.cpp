@@ -350,6 +350,8 @@ TEST_F(vpnstate, peer_is_found_by_its_interface)
     write_file(directory + "b.json", R"({"dev": "tap1", "common_name": null})");
     write_file(directory + "c.json", R"({"dev": "eth0", "common_name": "c"})");
     write_file(directory + "d.json", R"(["tun2"])");
+    write_file(directory + "e.json", R"({"dev": "tax0", "common_name": "e"})");
+    write_file(directory + "f.json", R"({"dev": "tux0", "common_name": "f"})");
     const struct {
         const char *dev;
         int want;
@@ -358,6 +360,8 @@ TEST_F(vpnstate, peer_is_found_by_its_interface)
                  {"tap1", -1, "left"},
                  {"eth0", 1, "left"},
                  {"tun2", 1, "left"},
+                 {"tax0", 1, "left"},
+                 {"tux0", 1, "left"},
                  {"tu", 1, "left"},
                  {nullptr, 1, "left"}};
     for (const auto &[dev, want, name] : cases) {
