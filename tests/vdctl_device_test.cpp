@@ -132,6 +132,8 @@ TEST_F(vdctl_device, doctor_tells_what_is_wrong_and_what_to_do)
 
 TEST_F(vdctl_device, doctor_looks_at_each_daemon)
 {
+    if (is_started_by_another())
+        GTEST_SKIP() << "processes have the name of what starts them";
     write_file("/tmp/set_up", set_up);
     const std::string serve =
         "sed -i s/x:1/x:0/ /etc/group; vdctl bus serve one & until vdctl bus list | grep -q serving; do :; done; ";

@@ -108,6 +108,11 @@ std::string built_program(const std::string &path_in_build_tree)
     return TEST_MACHINE " " + host_path(BINARY_DIR) + "/" + path_in_build_tree;
 }
 
+bool is_started_by_another()
+{
+    return !std::string_view{TEST_MACHINE}.empty();
+}
+
 bool is_emulated()
 {
     return std::string_view{TEST_MACHINE}.starts_with("qemu");
@@ -124,5 +129,6 @@ interruptions::interruptions()
 
 interruptions::~interruptions()
 {
-    setitimer(ITIMER_REAL, nullptr, nullptr);
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
 }

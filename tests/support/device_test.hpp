@@ -47,6 +47,9 @@ private:
 /// The command that runs a program of the build tree here, whatever machine it is for.
 std::string built_program(const std::string &path_in_build_tree);
 
+/// Whether another program starts those of the tests, as on machines of another kind: processes then have its name.
+bool is_started_by_another();
+
 /// Whether the tests run under qemu-user, which lacks some of the kernel's calls and answers others itself.
 bool is_emulated();
 
