@@ -125,9 +125,8 @@ int ipc_server_add_subscriber(const char *type, int fd)
         return -1;
     return guarded(-1, [&] {
         subscriber added{type, fd};
-        bus.subscribers.reserve(max_subscribers); // so that nothing can fail once the old one is removed
         ipc_server_remove_subscriber_typed(type, fd);
-        bus.subscribers.push_back(std::move(added));
+        bus.subscribers.push_back(std::move(added)); // where one has gone there is room
         return 0;
     });
 }
