@@ -98,9 +98,8 @@ void resume_accepting(evutil_socket_t, short, void *)
 /// daemon's own files, scripts and log.
 bool is_reserved(int fd)
 {
-    rlimit limit;
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return false;
+    rlimit limit{RLIM_INFINITY, RLIM_INFINITY};
+    getrlimit(RLIMIT_NOFILE, &limit);
     return static_cast<rlim_t>(fd) >= limit.rlim_cur - std::min(most_reserved, limit.rlim_cur / reserved_part);
 }
 
