@@ -12,8 +12,8 @@ protected:
     vdctl_device()
     {
         const std::string program = built_program("tools/vdctl/vdctl");
-        write_script("/opt/vdctl", "#!/bin/sh\nexec " + program + " \"$@\"\n");
-        setenv("PATH", (std::string{"/opt:"} + std::getenv("PATH")).c_str(), 1);
+        write_script("/var/bin/vdctl", "#!/bin/sh\nexec " + program + " \"$@\"\n");
+        setenv("PATH", (std::string{"/var/bin:"} + std::getenv("PATH")).c_str(), 1);
         setenv("NO_COLOR", "1", 1);
         std::filesystem::current_path("/tmp");
     }
