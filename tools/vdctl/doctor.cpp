@@ -176,10 +176,11 @@ void check_zones(report &told)
     if (stat(live_file, &status) != 0)
         return told.fail("zones", text::of(live_file) + ": " + text::of(std::strerror(errno)) +
                                       ": nobody may reach anything; put a zone file there");
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_uid != 0)
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_uid != 0) {
         told.fail("zones", text::of(live_file) + ": user " + text::of(user_name(status.st_uid)) + ", mode " +
                                octal(status.st_mode & 07777) +
                                ": others than root may change who gets in; chown root and chmod 644");
+    }
     const bool loads = zones_load() != 0;
     const std::size_t findings = find_mistakes(read_zone_text(live_file)).size();
     zones_free();
