@@ -259,7 +259,7 @@ s/00:11:22:33:44:00/00:00:0a:01:00:00/
     EXPECT_EQ(read_file(zones_file), example_file());
     write_script(schedule_script, "#!/bin/sh\ngrep -q lan7 $1 && echo true\n");
     expect_outcomes("", {
-                            {"mkdir root; mount --rbind / root; chroot root " + powerless +
+                            {"mkdir root; mount --rbind / root; /usr/sbin/chroot root " + powerless +
                                  "sh -c 'cd /tmp; vdctl zones who -f other.json lan7'",
                              2, "", refused + "no right to a mount namespace; run as root\n"},
                             {"rm /etc/vandrel/zones.json; vdctl zones why -qf other.json token-A lan7", 0},
