@@ -15,6 +15,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+using namespace std::literals;
+
 namespace {
 
 int lock_error = 0; // of the calls that lock a file; 0: they lock it
@@ -320,6 +322,70 @@ TEST(libuci, a_pointer_that_was_looked_up_without_a_package_is_refused)
     EXPECT_EQ(uci_set(new_context().get(), &ptr), UCI_ERR_INVAL);
 }
 
+TEST(libuci, a_name_has_letters_digits_and_underscores)
+{
+    write_file(file, before);
+    EXPECT_EQ(commit({"t.s.azAZ09_=1"}), UCI_OK);
+    for (const char c : {'/', ':', '@', '[', '^', '`', '{', '\x7f', '\xe9'})
+        EXPECT_EQ(commit({std::string{"t.s.a"} + c + "=1"}), UCI_ERR_PARSE) << c;
+}
+
+TEST(libuci, what_is_wrong_in_a_file_is_told_with_its_place)
+{
+    const std::pair<std::string, const char *> cases[] = {
+        {"\n package", "package without name) at line 1, byte 1"}, // its line has no end, and does not count
+        {"config", "config without name) at line 0, byte 0"},
+        {"config x\n\tlist", "option without name) at line 1, byte 1"},
+        {"config x\n\toption \n", "insufficient arguments) at line 2, byte 9"},
+        {"config 'a\0'\n"s, "NUL character) at line 1, byte 12"},
+    };
+    for (const auto &[content, told] : cases) {
+        write_file(file, content);
+        const context ctx = new_context();
+        uci_package *package = nullptr;
+        EXPECT_EQ(uci_load(ctx.get(), "t", &package), UCI_ERR_PARSE) << content;
+        char *text = nullptr;
+        uci_get_errorstr(ctx.get(), &text, nullptr);
+        EXPECT_EQ(std::string{"Parse error ("} + told, text);
+        std::free(text);
+    }
+}
+
+TEST(libuci, calls_without_what_they_need_are_refused)
+{
+    write_file(file, before);
+    const loaded_package loaded{"t"};
+    uci_context *const ctx = loaded.ctx.get();
+    uci_package *none = nullptr;
+    uci_section *added = nullptr;
+    uci_element *found = loaded.section ? &loaded.section->e : nullptr;
+    const std::pair<const char *, int> cases[] = {
+        {"load", uci_load(ctx, nullptr, &none)},
+        {"unload", uci_unload(ctx, nullptr)},
+        {"lookup_ptr", uci_lookup_ptr(ctx, nullptr, nullptr, false)},
+        {"lookup_next", uci_lookup_next(ctx, nullptr, &loaded.package->sections, "s")},
+        {"lookup_next without list", uci_lookup_next(ctx, &found, nullptr, "s")},
+        {"lookup_next without name", uci_lookup_next(ctx, &found, &loaded.package->sections, nullptr)},
+        {"set", uci_set(ctx, nullptr)},
+        {"add_section", uci_add_section(ctx, nullptr, "x", &added)},
+        {"add_section without type", uci_add_section(ctx, loaded.package, nullptr, &added)},
+        {"add_section without result", uci_add_section(ctx, loaded.package, "x", nullptr)},
+        {"add_list", uci_add_list(ctx, nullptr)},
+        {"delete", uci_delete(ctx, nullptr)},
+        {"save", uci_save(ctx, nullptr)},
+        {"commit", uci_commit(ctx, nullptr, false)},
+        {"commit of none", uci_commit(ctx, &none, false)},
+        {"revert", uci_revert(ctx, nullptr)},
+        {"set_confdir", uci_set_confdir(ctx, nullptr)},
+        {"set_savedir", uci_set_savedir(ctx, nullptr)},
+        {"add_delta_path", uci_add_delta_path(ctx, nullptr)},
+        {"list_configs", uci_list_configs(ctx, nullptr)},
+    };
+    for (const auto &[call, result] : cases)
+        EXPECT_EQ(result, UCI_ERR_INVAL) << call;
+    EXPECT_EQ(found, nullptr);
+}
+
 TEST(libuci, a_type_may_have_any_character_that_prints)
 {
     write_file(file, before);
@@ -331,12 +397,13 @@ TEST(libuci, a_type_may_have_any_character_that_prints)
     }
 }
 
-TEST(libuci, a_context_names_its_folders)
+TEST(libuci, a_context_as_it_begins)
 {
     const context ctx = new_context();
     EXPECT_STREQ(ctx->confdir, "/etc/config");
     EXPECT_STREQ(ctx->conf2dir, UCI_CONF2DIR);
     EXPECT_STREQ(ctx->savedir, "/tmp/.uci");
+    EXPECT_EQ(ctx->flags, UCI_FLAG_STRICT | UCI_FLAG_SAVED_DELTA);
 }
 
 TEST(libuci, packages_are_listed_by_name)

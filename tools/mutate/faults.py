@@ -100,7 +100,8 @@ def negated_conditions(tokens, source):
 
 
 STARTERS = {";", "{", "}", ")", "else"}
-NO_CALLS = {"return", "if", "for", "while", "switch", "case", "goto", "throw", "using", "static_assert", "break", "continue"}
+NO_CALLS = {"return", "if", "for", "while", "switch", "case", "goto", "throw", "using", "static_assert", "break", "continue",
+            "__attribute__"}
 
 
 def dropped_statements(tokens):
@@ -115,7 +116,7 @@ def dropped_statements(tokens):
             continue
         while at < len(tokens) - 1 and tokens[at].text not in (";", "{", "}"):
             at = closing(tokens, at) + 1 if tokens[at].text == "(" else at + 1
-        if tokens[at].text == ";":
+        if tokens[at].text == ";" and tokens[at - 1].text not in ("delete", "default"):
             yield token.begin, tokens[at].end, ";"
 
 

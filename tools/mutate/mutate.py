@@ -30,7 +30,7 @@ def parse_arguments():
     parser.add_argument("--count", type=int, metavar="N", help="only N of the faults, drawn at random")
     parser.add_argument("--seed", type=int, default=1, metavar="S", help="draws the same N again (1)")
     parser.add_argument("--jobs", type=int, default=1, metavar="J", help="copies of the tree at work at once (1)")
-    parser.add_argument("--limit", type=int, metavar="SECONDS", help="for the tests of one fault (thrice what they take)")
+    parser.add_argument("--limit", type=int, metavar="SECONDS", help="for the tests of one fault (20 and thrice what all take)")
     parser.add_argument("--list", action="store_true", help="show the faults and plant none")
     return parser.parse_args()
 
@@ -123,16 +123,18 @@ class Copy:
         return self.run(ctest + ["-j", str(os.cpu_count())] + selection, limit)
 
     def prepare(self):
-        """The seconds that the tests take where nothing is planted."""
+        """The seconds that the tests of each preset take where nothing is planted."""
+        seconds = {}
         for preset in (QUICK, THOROUGH):
             if not self.configure(preset) or not self.build(preset):
                 sys.exit(f"{self.log()}\nscript/mutate: the tree does not build")
             begin = time.monotonic()
             if not self.test(preset, ["--no-tests=error"]):
                 sys.exit(f"{self.log()}\nscript/mutate: tests fail with nothing planted")
-        return time.monotonic() - begin
+            seconds[preset] = time.monotonic() - begin
+        return seconds
 
-    def try_out(self, fault, limit):
+    def try_out(self, fault, limits):
         """What becomes of a fault: "found", "survived" or "does not compile"."""
         place = self.tree / fault.path
         source = place.read_text()
@@ -142,10 +144,10 @@ class Copy:
             if not self.build(QUICK):
                 return "does not compile"
             missed = (
-                self.test(QUICK, ["-L", own], limit)
+                self.test(QUICK, ["-L", own], limits[QUICK])
                 and self.build(THOROUGH)
-                and self.test(THOROUGH, ["-L", own], limit)
-                and self.test(THOROUGH, ["-LE", own], limit)
+                and self.test(THOROUGH, ["-L", own], limits[THOROUGH])
+                and self.test(THOROUGH, ["-LE", own], limits[THOROUGH])
             )
             return "survived" if missed else "found"
         finally:
@@ -159,8 +161,8 @@ class Copy:
 class Survey:
     """Faults, what became of them, and the copies that work on them."""
 
-    def __init__(self, faults, accepted, limit):
-        self.accepted, self.limit = accepted, limit
+    def __init__(self, faults, accepted, limits):
+        self.accepted, self.limits = accepted, limits
         self.total, self.done = len(faults), 0
         self.waiting = queue.SimpleQueue()
         for fault in faults:
@@ -181,7 +183,7 @@ class Survey:
                 fault = self.waiting.get_nowait()
             except queue.Empty:
                 return
-            self.note(fault, "accepted" if fault.key in self.accepted else copy.try_out(fault, self.limit))
+            self.note(fault, "accepted" if fault.key in self.accepted else copy.try_out(fault, self.limits))
 
     def run(self, copies):
         threads = [threading.Thread(target=self.work, args=[copy], daemon=True) for copy in copies]
@@ -211,8 +213,9 @@ def main():
         print("\n\n".join(str(fault) for fault in faults))
         return 0
     copies = [Copy(number) for number in range(1, arguments.jobs + 1)]
-    seconds = max(copy.prepare() for copy in copies)
-    survey = Survey(faults, accepted_faults(), arguments.limit or 30 + 3 * seconds)
+    seconds = [copy.prepare() for copy in copies]
+    limits = {p: arguments.limit or 20 + 3 * max(each[p] for each in seconds) for p in (QUICK, THOROUGH)}
+    survey = Survey(faults, accepted_faults(), limits)
     try:
         complete = survey.run(copies)
     except KeyboardInterrupt:
