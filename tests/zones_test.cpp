@@ -376,7 +376,9 @@ TEST_F(zones_test, signals_cut_nothing_of_a_schedule)
 
 TEST_F(zones_test, answers_and_their_records)
 {
-    set_members("'p':{'type':'serialization','direction':'both'},'a':{'type':'port','direction':'out'}");
+    set_zones("{'1':{'members':{'p':{'type':'serialization','direction':'both'},"
+              "'a':{'type':'port','direction':'out'},'':{'type':'serialization','direction':'both'}}},"
+              "'2':{'members':{'p':{'type':'serialization','direction':'in'},'':{'type':'port','direction':'out'}}}}");
     const records direction{error("Invalid direction value", "zones.c")};
     char bridge[14] = "";
     zone_member member{}, **list;
@@ -387,8 +389,9 @@ TEST_F(zones_test, answers_and_their_records)
         int answer = 0;
         records logged = missing;
     } cases[] = {
-        {__LINE__, [] { return zones_is_ip_allowed(nullptr, 0); }, 0, {}},
+        {__LINE__, [] { return zones_is_port_allowed(nullptr, "a"); }, 0, {}}, // null is not the empty name
         {__LINE__, [] { return zones_is_port_allowed("p", nullptr); }, 0, {}},
+        {__LINE__, [] { return zones_is_device_allowed("p", nullptr); }, 0, {}},
         {__LINE__, [] { return zones_is_mac_allowed("p", nullptr); }, 0, {}},
         {__LINE__, [] { return zones_is_device_allowed("p", "p"); }, 1, warnings({"common names were equal: p"})},
         {__LINE__, [] { return zones_is_device_allowed(nullptr, nullptr); }, 0,
