@@ -103,6 +103,7 @@ TEST_F(vpnstate, missing_key_leaves_its_default)
     const state_handle state = load("{}");
     ASSERT_TRUE(state);
     expect_defaults_beside("", *state);
+    vpn_free(nullptr);
     expect_log({});
 }
 
@@ -303,7 +304,6 @@ TEST_F(vpnstate, peer_is_found_by_its_interface)
 {
     write_file(directory + "a", R"({"dev": "tun0", "common_name": "0123456789012345678901234567"})");
     write_file(directory + "b.json", R"({"dev": "tap1", "common_name": null})");
-    write_file(directory + "c.json", R"({"dev": "eth0", "common_name": "c"})");
     write_file(directory + "d.json", R"(["tun2"])");
     write_file(directory + "e.json", R"({"dev": "tax0", "common_name": "e"})");
     write_file(directory + "f.json", R"({"dev": "tux0", "common_name": "f"})");
@@ -313,11 +313,9 @@ TEST_F(vpnstate, peer_is_found_by_its_interface)
         const char *cn;
     } cases[] = {{"tun0", 0, "01234567890123456789012345"}, // whatever the file's name ends in
                  {"tap1", -1, "left"},
-                 {"eth0", 1, "left"},
                  {"tun2", 1, "left"},
                  {"tax0", 1, "left"},
                  {"tux0", 1, "left"},
-                 {"tu", 1, "left"},
                  {nullptr, 1, "left"}};
     for (const auto &[dev, want, name] : cases) {
         char cn[28] = "left";
