@@ -170,16 +170,6 @@ class lans : public netinfo {
 protected:
     ~lans() override { free(list); }
 
-    void expect(const netinfo_lan &lan, const netinfo_lan &want)
-    {
-        EXPECT_STREQ(lan.name, want.name);
-        EXPECT_STREQ(lan.ifname, want.ifname);
-        EXPECT_STREQ(lan.phys_ifname, want.phys_ifname);
-        EXPECT_STREQ(lan.portname, want.portname);
-        EXPECT_EQ(lan.ip, want.ip) << want.name;
-        EXPECT_EQ(lan.netmask, want.netmask) << want.name;
-    }
-
     netinfo_lan *list = nullptr;
     int count = -1;
 };
@@ -232,8 +222,14 @@ TEST_F(lans, bridges_are_listed_with_address_device_and_port)
                               warn("Failed to get IP address for br-sixteen_lett"),
                               error("Too long LAN prefix name", "netutil.c")}));
     ASSERT_EQ(count, 4);
-    for (int i = 0; i < count; ++i)
-        expect(list[i], want[i]);
+    for (int i = 0; i < count; ++i) {
+        EXPECT_STREQ(list[i].name, want[i].name);
+        EXPECT_STREQ(list[i].ifname, want[i].ifname);
+        EXPECT_STREQ(list[i].phys_ifname, want[i].phys_ifname);
+        EXPECT_STREQ(list[i].portname, want[i].portname);
+        EXPECT_EQ(list[i].ip, want[i].ip) << want[i].name;
+        EXPECT_EQ(list[i].netmask, want[i].netmask) << want[i].name;
+    }
 }
 
 TEST_F(lans, without_memory_there_is_no_list)

@@ -3,7 +3,6 @@
 
 #include "zones.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <csignal>
