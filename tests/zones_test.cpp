@@ -170,8 +170,7 @@ TEST_F(zones_test, zones_as_they_are_read)
         records logged = {};
     } cases[] = {
         {"{'7':{'members':{}},'007':{'members':{}},'2147483647':{'members':{}}}", "7 7 2147483647 "},
-        {"{'abc':{},'-1':{},'7a':{},'2147483648':{},'':{},'8':null}", ""},
-        {"{'abc':{},'1':{'members':{}},'8':null,'2':{'members':{}}}", "1 2 "},
+        {"{'abc':{},'-1':{},'7a':{},'2147483648':{},'':{},'8':null,'2':{'members':{}}}", "2 "},
         {"{'1':{'disabled':true},'2':{'disabled':false,'members':{}}}", "2 "},
         {"{'1':{'disabled':1,'members':{}}}", "1 ", 1, warnings({"Invalid type for field disabled"})},
         {"{'1':{'deny_between_keys':1},'2':[],'3':{'members':null},'4':{'members':{}}}", "1 2 3 4 ", 0},
