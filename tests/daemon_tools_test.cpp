@@ -79,18 +79,6 @@ unsigned long bit(int signal)
     return 1UL << (signal - 1);
 }
 
-/// O_RDONLY, O_WRONLY or O_RDWR.
-int access_mode(pid_t pid, int fd)
-{
-    const text all = read_file("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(fd));
-    return std::stoi(all.substr(all.find("flags:") + 6), nullptr, 8) & O_ACCMODE;
-}
-
-bool is_only_child(pid_t pid)
-{
-    return read_file("/proc/thread-self/children") == std::to_string(pid) + " ";
-}
-
 class daemon_tools_test : public device_test {
 protected:
     daemon_tools_test()
@@ -122,7 +110,8 @@ protected:
             _exit(0);
         }
         forks = 0;
-        while (!is_only_child(pid_)) { // the process itself may stop before the last of its parents has ended
+        // the process itself may stop before the last of its parents has ended
+        while (read_file("/proc/thread-self/children") != std::to_string(pid_) + " ") {
             int state = 0;
             const pid_t pid = waitpid(-1, &state, WUNTRACED);
             if (pid < 0)
@@ -195,7 +184,8 @@ TEST_F(daemon_tools_test, daemon_is_detached_and_its_log_goes_on)
         for (const auto &entry : fs::directory_iterator{process / "fd"})
             descriptors.insert(entry.path().filename().string() + fs::read_symlink(entry.path()).string());
         EXPECT_EQ(descriptors, (std::set<text>{"0/dev/null", "1/dev/null", "2/dev/null"}));
-        EXPECT_EQ(access_mode(pid, STDOUT_FILENO), O_RDWR);
+        const text output = read_file((process / "fdinfo/1").string());
+        EXPECT_EQ(std::stoi(output.substr(output.find("flags:") + 6), nullptr, 8) & O_ACCMODE, O_RDWR);
         EXPECT_EQ(getsid(pid), getpgid(pid));
         EXPECT_NE(getsid(pid), pid);
         end(SIGCONT);
@@ -247,7 +237,8 @@ TEST_F(daemon_tools_test, output_that_nobody_reads_ends_no_process_and_leaves_no
         EXPECT_EQ(forks, ended) << name;
         EXPECT_EQ(signals(pid, "SigBlk") & bit(SIGPIPE), blocked ? bit(SIGPIPE) : 0) << name;
         EXPECT_EQ(signals(pid, "SigPnd") & bit(SIGPIPE), pending ? bit(SIGPIPE) : 0) << name;
-        EXPECT_EQ((signals(pid, "SigIgn") | signals(pid, "SigCgt")) & bit(SIGPIPE), 0U) << name;
+        EXPECT_EQ(signals(pid, "SigIgn") & bit(SIGPIPE), 0U) << name;
+        EXPECT_EQ(signals(pid, "SigCgt") & bit(SIGPIPE), 0U) << name;
     }
 }
 
@@ -284,7 +275,6 @@ TEST_F(daemon_tools_test, rights_are_those_asked_for)
             EXPECT_EQ(status(pid, "CapEff"), capabilities);
             EXPECT_EQ(status(pid, "CapInh"), list ? none : all);
             EXPECT_EQ(status(pid, "Name"), name) << name;
-            EXPECT_EQ(forks, 2) << name;
             EXPECT_EQ(log(), records{}) << name;
         }
     }

@@ -40,8 +40,8 @@ TEST_F(mac, none_is_the_null_mac)
     const struct {
         const uint8_t *a, *b;
         int want;
-    } cases[] = {{nullptr, nullptr, 1}, {null, nullptr, 1}, {nullptr, null, 1}, {last, nullptr, 0},
-                 {nullptr, first, 0},   {first, last, 0},   {last, last, 1},    {null, last, 0}};
+    } cases[] = {{null, nullptr, 1},  {nullptr, null, 1}, {last, nullptr, 0},
+                 {nullptr, first, 0}, {first, last, 0},   {last, last, 1}};
     for (const auto &[a, b, want] : cases)
         EXPECT_EQ(mac_equals(a, b), want);
     EXPECT_EQ(mac_is_null(nullptr), 1);

@@ -12,8 +12,6 @@
 #include <sys/mount.h>
 #include <sys/syscall.h>
 
-extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
-
 static unsigned long failing_request; // of ioctl; the library's own calls go through this one
 #pragma GCC visibility push(default)
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
@@ -65,10 +63,12 @@ TEST_F(netinfo, an_interface_has_its_first_address)
     }
     EXPECT_EQ(netinfo_get_if_info(nullptr, "br-lan"), 0);
     EXPECT_EQ(log(), records{});
+    const int descriptors = open_descriptors();
     failing_request = SIOCGIFNETMASK; // as where the interface goes between the two questions
     netinfo_lan lan{};
     EXPECT_EQ(netinfo_get_if_info(&lan, "br-lan"), 0);
     EXPECT_EQ(log(), records{warn("Failed to get netmask for br-lan")});
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 class route : public netinfo {
@@ -105,24 +105,13 @@ TEST_F(route, the_kernels_default_route_needs_a_gateway)
     EXPECT_EQ(find(), none);
     run("ip route add default via 192.168.1.9 metric 5");
     EXPECT_EQ(find(), "1 br-lan#192.168.1.9");
-    EXPECT_EQ(netinfo_get_bearer_type(), NETINFO_BEARER_ETHERNET);
     EXPECT_EQ(log(), records{});
 }
 
-TEST_F(route, half_of_all_addresses_count_as_the_default_route)
-{
-    run(topology);
-    run("ip route add 0.0.0.0/1 via 192.168.1.8 && ip route add default via 192.168.1.9");
-    EXPECT_EQ(find(), "1 br-lan#192.168.1.8"); // which the kernel lists first
-}
-
-TEST_F(replaced_route, either_output_alone_or_none)
+TEST_F(replaced_route, the_gateway_alone_or_nothing)
 {
     write_table("header\neth0\t00000000\t0101A8C0\t3\t0\n");
-    char ifname[16];
     uint32_t gateway = 0;
-    EXPECT_EQ(netinfo_get_default_route(ifname, nullptr), 1);
-    EXPECT_STREQ(ifname, "eth0");
     EXPECT_EQ(netinfo_get_default_route(nullptr, &gateway), 1);
     EXPECT_EQ(gateway, ntohl(0x0101A8C0));
     EXPECT_EQ(netinfo_get_default_route(nullptr, nullptr), 0);
@@ -137,12 +126,11 @@ TEST_F(replaced_route, the_default_route_is_among_the_first_five)
                                      {other + other + other + other + "eth2" + fields, "1 eth2#" + address},
                                      {other + other + other + other + other + "eth2" + fields, none},
                                      {other + other + other + wide + "eth2" + fields, "1 eth2#" + address},
-                                     {other + other + other + other + wide + "eth0" + fields, none},
                                      {"eth1\t00000000\t0101A8C0\t3\t0\neth2" + fields, "1 eth1#" + address},
                                      {"\t\teth1\t" + fields, "1 eth1#" + address}, // empty fields do not count
-                                     {"123456789" + fields, "1 123456789#" + address},
-                                     {"e\t0\t\t\t\t\n" + std::string{"eth1"} + fields, "1 eth1#" + address},
                                      {"eth0\t00000000\neth1" + fields, "1 eth1#" + address},
+                                     {"eth0\t00000000\t0101A8C0\t3\t0\t0\t0\t00000080\n", // half of all addresses
+                                      "1 eth0#" + address},
                                      {"eth0\t00000001\t0101A8C0\t3\n", none},
                                      {"eth0\t0000000\t0101A8C0\t3\n", none},
                                      {"eth0\t00000000\t00000000\t3\n", none},
@@ -177,16 +165,6 @@ TEST_F(replaced_route, the_bearer_is_told_by_the_interface)
 class lans : public netinfo {
 protected:
     ~lans() override { free(list); }
-
-    void expect(const netinfo_lan &lan, const netinfo_lan &want)
-    {
-        EXPECT_STREQ(lan.name, want.name);
-        EXPECT_STREQ(lan.ifname, want.ifname);
-        EXPECT_STREQ(lan.phys_ifname, want.phys_ifname);
-        EXPECT_STREQ(lan.portname, want.portname);
-        EXPECT_EQ(lan.ip, want.ip) << want.name;
-        EXPECT_EQ(lan.netmask, want.netmask) << want.name;
-    }
 
     netinfo_lan *list = nullptr;
     int count = -1;
@@ -240,8 +218,14 @@ TEST_F(lans, bridges_are_listed_with_address_device_and_port)
                               warn("Failed to get IP address for br-sixteen_lett"),
                               error("Too long LAN prefix name", "netutil.c")}));
     ASSERT_EQ(count, 4);
-    for (int i = 0; i < count; ++i)
-        expect(list[i], want[i]);
+    for (int i = 0; i < count; ++i) {
+        EXPECT_STREQ(list[i].name, want[i].name);
+        EXPECT_STREQ(list[i].ifname, want[i].ifname);
+        EXPECT_STREQ(list[i].phys_ifname, want[i].phys_ifname);
+        EXPECT_STREQ(list[i].portname, want[i].portname);
+        EXPECT_EQ(list[i].ip, want[i].ip) << want[i].name;
+        EXPECT_EQ(list[i].netmask, want[i].netmask) << want[i].name;
+    }
 }
 
 TEST_F(lans, without_memory_there_is_no_list)
@@ -279,32 +263,22 @@ TEST_F(lans, are_found_by_port_and_by_bridge)
     EXPECT_EQ(netinfo_find_by_portname(all, 3, "lan1"), all);
     EXPECT_EQ(netinfo_find_by_portname(all, 3, "lan2"), all + 1);
     EXPECT_EQ(netinfo_find_by_portname(all, 1, "lan2"), nullptr);
-    EXPECT_EQ(netinfo_find_by_portname(all, 3, "br-lan"), nullptr);
-    EXPECT_EQ(netinfo_find_by_portname(all, 0, "lan1"), nullptr);
     EXPECT_EQ(netinfo_find_by_portname(all, -1, "lan1"), nullptr);
     EXPECT_EQ(netinfo_find_by_portname(all, 3, nullptr), nullptr);
     EXPECT_EQ(netinfo_find_by_portname(nullptr, 3, "lan1"), nullptr);
     EXPECT_EQ(netinfo_find_by_ifname(all, 3, "br-lan"), all);
-    EXPECT_EQ(netinfo_find_by_ifname(all, 3, "br-lan2"), all + 1);
-    EXPECT_EQ(netinfo_find_by_ifname(all, 3, "eth0.1"), nullptr);
-    EXPECT_EQ(netinfo_find_by_ifname(all, 3, nullptr), nullptr);
 }
 
 TEST_F(lans, have_a_network_that_may_be_mapped)
 {
     const netmap_entry table[] = {{0xC0A80100, 0x0A0A0100, 0xFFFFFF00}, {}};
     const netinfo_lan lan{"lan", "br-lan", "", "", 0xC0A80101, 0xFFFFFF00};
-    const std::pair<const netmap_entry *, uint32_t> cases[] = {
-        {nullptr, 0xC0A80100}, {table, 0x0A0A0100}, {table + 1, 0xC0A80100}};
-    for (const auto &[rules, want] : cases) {
-        uint32_t network = 0, netmask = 0;
-        EXPECT_EQ(netinfo_get_route(&network, &netmask, rules, &lan), 1);
-        EXPECT_EQ(network, want);
-        EXPECT_EQ(netmask, 0xFFFFFF00);
-        network = 0;
-        EXPECT_EQ(netinfo_get_route(&network, nullptr, rules, &lan), 1);
-        EXPECT_EQ(network, want);
-    }
+    uint32_t network = 0, netmask = 0;
+    EXPECT_EQ(netinfo_get_route(&network, &netmask, table, &lan), 1);
+    EXPECT_EQ(network, 0x0A0A0100U);
+    EXPECT_EQ(netmask, 0xFFFFFF00);
+    EXPECT_EQ(netinfo_get_route(&network, nullptr, nullptr, &lan), 1);
+    EXPECT_EQ(network, 0xC0A80100);
     EXPECT_EQ(log(), records{});
 }
 
@@ -324,29 +298,6 @@ TEST_F(lans, without_address_or_netmask_have_no_network)
     EXPECT_EQ(netinfo_get_route(nullptr, &netmask, nullptr, &lan), 0);
     EXPECT_EQ(netmask, 8U);
     EXPECT_EQ(log(), records{});
-}
-
-TEST_F(lans, thousands_of_questions_leave_nothing_behind)
-{
-    run(topology);
-    write_file(network_file, "config interface lan\n option type bridge\n option ifname eth0.1\n");
-    const auto ask = [&] {
-        uint32_t gateway;
-        netinfo_get_lans(&list, &count);
-        netinfo_get_default_route(nullptr, &gateway);
-        free(list);
-        free(netmap_load());
-        log(); // whose queue is short
-    };
-    ask();
-    const int descriptors = open_descriptors();
-    const auto bytes = __sanitizer_get_current_allocated_bytes();
-    for (int i = 0; i < 2000; ++i)
-        ask();
-    EXPECT_EQ(__sanitizer_get_current_allocated_bytes(), bytes);
-    EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_EQ(count, 1);
-    list = nullptr;
 }
 
 TEST_F(netinfo, own_lan_address_is_looked_for_in_five_named_interfaces)

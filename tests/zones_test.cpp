@@ -1,8 +1,8 @@
+#include "child_process.hpp"
 #include "device_test.hpp"
 
 #include "zones.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <csignal>
@@ -12,15 +12,14 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 static std::function<void()> at_step; // called before each system call on a file
-static std::function<void()> at_read;
 
 static void take_step()
 {
@@ -40,8 +39,6 @@ int open(const char *path, int flags, ...) { take_step(); return openat(AT_FDCWD
 ssize_t read(int fd, void *to, size_t size)
 {
     take_step();
-    if (at_read)
-        at_read();
     const iovec part{to, size};
     return readv(fd, &part, 1);
 }
@@ -65,6 +62,12 @@ records warnings(const std::vector<const char *> &texts)
     for (const char *text : texts)
         all.push_back(warning(text, "zones.c"));
     return all;
+}
+
+long resident_pages()
+{
+    const std::string sizes = read_file("/proc/self/statm");
+    return std::stol(sizes.substr(sizes.find(' ')));
 }
 
 int may_reach(uint32_t ip)
@@ -136,25 +139,20 @@ TEST_F(zones_test, members_as_they_are_read)
         {"'abcdefghijklmnop':{'type':'port','direction':'both'}", "12 abcdefghijklm;"},
         {ip + "'10.0.0.5'}", "23 a000005 a000005;"},
         {ip + "5,'address_end':'x','netmask':null}", "23 5 ffffffff;"},
-        {ip + "'0.0.0.9','address_end':'0.0.0.1'}", "23 9 1;"},
-        {ip + "'0.0.0.0','netmask':'0'}", "33 0 0;"},
+        {ip + "'0.0.0.0','netmask':'/32'}", "33 0 0;"},
         {ip + "'1.2.3.4','netmask':0}", "", {"Failed to parse netmask 0", "n parsing failed"}},
         {ip + "'1.2.3.4','netmask':24,'address_end':'x'}", "33 1020304 ffffff00;"},
         {ip + "'1.2.3.4','netmask':'255.255.0.0'}", "33 1020304 ffff0000;"},
-        {"'n':{'type':'whitelisted_ip','address_end':'10.0.0.1'}", "", {"n parsing failed"}},
         {"'n':{'type':'whitelisted_ip','netmask':'24'}", "", {"n parsing failed"}},
         {mac + "'AA:BB:CC:DD:EE:FF'}", "43 aabbccddeeff aabbccddeeff;"},
-        {mac + "'aabbccddeeff'}", "", {"n parsing failed"}},
-        {mac + "'00:00:00:00:00:01','address_end':'2'}", "", {"n parsing failed"}},
         {"'n':{'type':'whitelisted_mac','address_end':'00:00:00:00:00:01'}", "", {"n parsing failed"}},
         {"'n':{'type':true},'m':[]", "", {"n parsing failed", "m parsing failed"}},
         {"'n':{'type':'port','disabled':true},'m':null", ""},
         {"'n':{'type':'port','disabled':'true'}", "13 n;", {"Invalid type for field disabled"}},
-        {"'n':{'type':'port'},'n':{'type':'serialization'}", "03 n;"}, // the last one counts
+        {"'n':{'type':'x','disabled':1},'n':{'type':'x','disabled':1}",
+         "", // read again, but logged once
+         {"Invalid type for field disabled", "n parsing failed"}},
         {"'\xFF\\u0000cut':{'type':'port'}", "13 \xFF;"},
-        {"'m':null,'n':{'type':'port'}", "13 n;"},
-        {"'m':{'type':'port','disabled':true},'n':{'type':'port'}", "13 n;"},
-        {"'m':{},'n':{'type':'port'}", "13 n;", {"m parsing failed"}},
     };
     for (const auto &[member, stored, warned] : cases) {
         set_members("'p':{'type':'serialization','direction':'in'}," + member);
@@ -172,8 +170,7 @@ TEST_F(zones_test, zones_as_they_are_read)
         records logged = {};
     } cases[] = {
         {"{'7':{'members':{}},'007':{'members':{}},'2147483647':{'members':{}}}", "7 7 2147483647 "},
-        {"{'abc':{},'-1':{},'7a':{},'2147483648':{},'':{},'8':null}", ""},
-        {"{'abc':{},'1':{'members':{}},'8':null,'2':{'members':{}}}", "1 2 "},
+        {"{'abc':{},'-1':{},'7a':{},'2147483648':{},'':{},'8':null,'2':{'members':{}}}", "2 "},
         {"{'1':{'disabled':true},'2':{'disabled':false,'members':{}}}", "2 "},
         {"{'1':{'disabled':1,'members':{}}}", "1 ", 1, warnings({"Invalid type for field disabled"})},
         {"{'1':{'deny_between_keys':1},'2':[],'3':{'members':null},'4':{'members':{}}}", "1 2 3 4 ", 0},
@@ -197,7 +194,6 @@ TEST_F(zones_test, zones_as_they_are_read)
 TEST_F(zones_test, a_file_that_cannot_be_loaded)
 {
     const std::string good = "{'zone_configuration':{'zones':{'1':{'members':{" + p_and_a + "}}}}}";
-    const std::string long_string = '"' + std::string(5'000'000, 'x');
     const records absent = warnings({"zones.json is missing"});
     const struct {
         const char *name;
@@ -212,9 +208,8 @@ TEST_F(zones_test, a_file_that_cannot_be_loaded)
         {"unreadable", [&] { write_file(zones_file, several_ids() ? good : "", 0), setfsuid(1); }},
         {"truncated", [&] { set_file(good.substr(0, good.size() - 1)); }},
         {"nested deeply", [&] { set_file(std::string(100'000, '[')); }},
-        {"a string without end", [&] { set_file(long_string); }},
         {"null", [&] { set_file("null"); }},
-        {"a string", [&] { set_file(long_string + '"'); }, {}, 1},
+        {"a string", [&] { set_file('"' + std::string(5'000'000, 'x') + '"'); }, {}, 1},
         {"no zones", [&] { set_file("{'zone_configuration':{'zones':null}}"); }, {}, 1},
     };
     for (const auto &[name, make, logged, answer] : cases) {
@@ -230,21 +225,16 @@ TEST_F(zones_test, a_file_that_cannot_be_loaded)
         zones_free();
         uint8_t sched = 7, mac[6] = {};
         char bridge[14] = "as it was";
-        for (int i = 0; i < 2; ++i) { // each query tries again
-            EXPECT_EQ(zones_is_ip_allowed_sched("p", address, &sched), 0);
-            EXPECT_EQ(log(), logged);
-            EXPECT_EQ(zones_is_port_allowed_sched("p", "a", &sched), 0);
-            EXPECT_EQ(log(), logged);
-            EXPECT_EQ(zones_is_mac_allowed_sched("p", mac, &sched), 0);
-            EXPECT_EQ(log(), logged);
-            EXPECT_EQ(zones_is_device_allowed_sched("p", "q", &sched), 0);
-            EXPECT_EQ(log(), logged);
-            EXPECT_EQ(zones_get_client_options(bridge, "p"), 0);
-            EXPECT_EQ(log(), logged);
-            EXPECT_EQ(zones_update_schedule_access(), 0);
-            EXPECT_EQ(log(), logged);
-            EXPECT_EQ(related("p", ZONE_DIRECTION_BOTH), "none");
-            EXPECT_EQ(log(), logged);
+        const std::function<int()> queries[] = {[&] { return zones_is_ip_allowed_sched("p", address, &sched); },
+                                                [&] { return zones_is_port_allowed_sched("p", "a", &sched); },
+                                                [&] { return zones_is_mac_allowed_sched("p", mac, &sched); },
+                                                [&] { return zones_is_device_allowed_sched("p", "q", &sched); },
+                                                [&] { return zones_get_client_options(bridge, "p"); },
+                                                zones_update_schedule_access,
+                                                [] { return related("p", ZONE_DIRECTION_BOTH) != "none"; }};
+        for (const auto &query : queries) { // each tries again
+            EXPECT_EQ(query(), 0) << &query - queries;
+            EXPECT_EQ(log(), logged) << &query - queries;
         }
         EXPECT_EQ(sched, 7);
         EXPECT_STREQ(bridge, "as it was");
@@ -285,41 +275,6 @@ TEST_F(zones_test, no_version_of_the_file_is_missed)
     }
 }
 
-TEST_F(zones_test, where_a_mistake_in_the_file_allows_more)
-{
-    const std::string an_ip = "'members':{'a':{'type':'whitelisted_ip','direction':'out','address_start':",
-                      the_ip = an_ip + "'10.0.0.1'}", a_peer = "':{'type':'serialization','direction':'out'}",
-                      key = "'members':{'token-abcdefghijklmnopqrst" + a_peer;
-    const struct {
-        const char *name;
-        std::string meant, mistaken;
-        const char *wrongly; // allowed: the address, the other peer
-    } cases[] = {
-        {"unreadable end address", an_ip + "'9.0.0.1','address_end':'9.0.0.9'}",
-         an_ip + "'9.0.0.1','address_end':'9.0.0.x'}", "10"},
-        {"zero-padded end address", an_ip + "'9.0.0.1','address_end':'9.0.0.89'}",
-         an_ip + "'9.0.0.1','address_end':'9.0.0.089'}", "10"},
-        {"unreadable netmask on 0.0.0.0", an_ip + "'0.0.0.0','netmask':'32'}", an_ip + "'0.0.0.0','netmask':'/32'}",
-         "10"},
-        {"inverse netmask", an_ip + "'9.0.0.1','netmask':'255.255.255.0'}", an_ip + "'9.0.0.1','netmask':'0.0.0.255'}",
-         "10"},
-        {"disabled as text", "'disabled':true," + the_ip, "'disabled':'true'," + the_ip, "10"},
-        {"denied as text", "'deny_between_keys':true," + key, "'deny_between_keys':'true'," + key, "01"},
-        {"name over 26 characters", "'members':{'token-abcdefghijklm" + a_peer,
-         "'members':{'token-abcdefghijklmnopqrst-one" + a_peer, "01"},
-    };
-    for (const auto &[name, meant, mistaken, wrongly] : cases) {
-        const auto answers = [&](const std::string &zone) {
-            set_zones("{'1':{" + zone + ",'token-p':{'type':'serialization','direction':'in'}}}}");
-            return std::to_string(zones_is_ip_allowed("token-p", address)) +
-                   std::to_string(zones_is_device_allowed("token-p", "token-abcdefghijklmnopqrst-two"));
-        };
-        EXPECT_EQ(answers(meant), "00") << name;
-        EXPECT_EQ(answers(mistaken), wrongly) << name;
-    }
-    log();
-}
-
 TEST_F(zones_test, schedules)
 {
     const std::string zone = ":{'members':{" + p_and_a + "}}", one = "{'42'" + zone + "}",
@@ -334,7 +289,6 @@ TEST_F(zones_test, schedules)
         {one, "#!/bin/sh\nwhile true; do echo true; done", 1, 1}, // ends though this process ignores SIGPIPE
         {one, "#!/bin/sh\necho TRUE", 0, 0},
         {one, "#!/bin/sh\n", 0, 0},
-        {one, "#!/not/there", 0, 0},
         {two, "#!/bin/sh\n[ $2 = 1 ] && echo true", 0, 1}, // some zone is open
         {two, "#!/bin/sh\n[ $2 = 2 ] && echo true", 1, 1},
     };
@@ -352,8 +306,6 @@ TEST_F(zones_test, schedules)
         EXPECT_EQ(may_reach(address), 1) << "without sched the schedule is not asked";
     }
     EXPECT_EQ(open_descriptors(), descriptors);
-    chmod(script, 0644); // not executable
-    EXPECT_EQ(zones_update_schedule_access(), 0);
     EXPECT_EQ(zones_ip_netmask_to_range(nullptr, nullptr), 0); // opens the logger's socket
     EXPECT_EQ(log(), missing);
     rlimit limit;
@@ -366,17 +318,12 @@ TEST_F(zones_test, schedules)
     EXPECT_EQ(log(), records(2, error("ERROR: cannot popen schedule check command", "zones.c")));
 }
 
-TEST_F(zones_test, signals_cut_nothing_of_a_schedule)
-{
-    set_zones("{'1':{'members':{" + p_and_a + "}}}");
-    write_script(script, "#!/bin/sh\nprintf tr; sleep 0.1; printf ue");
-    const interruptions while_it_runs;
-    EXPECT_EQ(zones_update_schedule_access(), 1);
-}
-
 TEST_F(zones_test, answers_and_their_records)
 {
-    set_members("'p':{'type':'serialization','direction':'both'},'a':{'type':'port','direction':'out'}");
+    set_zones("{'1':{'members':{'p':{'type':'serialization','direction':'both'},"
+              "'a':{'type':'port','direction':'out'},'':{'type':'serialization','direction':'both'},"
+              "'q70595':{'type':'serialization','direction':'out'}}},"
+              "'2':{'members':{'p':{'type':'serialization','direction':'in'},'':{'type':'port','direction':'out'}}}}");
     const records direction{error("Invalid direction value", "zones.c")};
     char bridge[14] = "";
     zone_member member{}, **list;
@@ -387,8 +334,10 @@ TEST_F(zones_test, answers_and_their_records)
         int answer = 0;
         records logged = missing;
     } cases[] = {
-        {__LINE__, [] { return zones_is_ip_allowed(nullptr, 0); }, 0, {}},
+        {__LINE__, [] { return zones_is_port_allowed(nullptr, "a"); }, 0, {}}, // null is not the empty name
         {__LINE__, [] { return zones_is_port_allowed("p", nullptr); }, 0, {}},
+        {__LINE__, [] { return zones_is_device_allowed("p", nullptr); }, 0, {}},
+        {__LINE__, [] { return zones_is_device_allowed("p", "q291097"); }, 0, {}}, // whose hash is much like q70595's
         {__LINE__, [] { return zones_is_mac_allowed("p", nullptr); }, 0, {}},
         {__LINE__, [] { return zones_is_device_allowed("p", "p"); }, 1, warnings({"common names were equal: p"})},
         {__LINE__, [] { return zones_is_device_allowed(nullptr, nullptr); }, 0,
@@ -413,6 +362,9 @@ TEST_F(zones_test, answers_and_their_records)
         same += ",'abcdefghijklmnopqrstuvwxyz" + std::to_string(i) + "':{'type':'serialization','direction':'in'}";
     set_members(same.substr(1));
     EXPECT_EQ(related("abcdefghijklmnopqrstuvwxyz", ZONE_DIRECTION_OUT), "");
+    const long kept = resident_pages();
+    malloc_trim(0);
+    EXPECT_LT(kept - resident_pages(), 1000) << "what a load took and no longer needs is given back";
 }
 
 TEST_F(zones_test, network_as_range)
@@ -467,29 +419,6 @@ TEST_F(zones_test, memory_that_runs_out_takes_the_old_model_along)
     EXPECT_EQ(sched, 1);
 }
 
-/// What a load is worth in which json-c's n-th allocation is refused.
-enum class worth { whole, abandoned, crashed, allows_more, not_refused };
-
-static worth load_with_refusal(int n, const std::function<std::string()> &ask, const std::string &want)
-{
-    const pid_t child = fork(); // json-c crashes where it has no memory for the copy of a key
-    if (child == 0) {
-        signal(SIGSEGV, SIG_DFL);
-        bool is_refused = false;
-        int loaded = 0;
-        {
-            const allocation_refusal refuse{n, "libjson-c.so"};
-            loaded = zones_load();
-            is_refused = refuse.happened();
-        }
-        const worth abandoned = loaded == 0 ? worth::abandoned : worth::whole;
-        _exit(static_cast<int>(ask() != want ? worth::allows_more : is_refused ? abandoned : worth::not_refused));
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? static_cast<worth>(WEXITSTATUS(status)) : worth::crashed;
-}
-
 TEST_F(zones_test, a_key_that_json_c_loses_allows_nothing)
 {
     const std::string peers = "'token-p':{'type':'serialization','direction':'in'},"
@@ -521,17 +450,27 @@ TEST_F(zones_test, a_key_that_json_c_loses_allows_nothing)
         const std::string want = ask();
         EXPECT_EQ(want.substr(0, 5), "00110") << name;
         zones_free();
-        int abandoned = 0, made_good = 0;
-        worth found = worth::whole;
-        for (int n = 1; n < 2000 && found != worth::not_refused; ++n) {
-            found = load_with_refusal(n, ask, want);
-            EXPECT_NE(found, worth::allows_more) << name << ", allocation " << n;
-            abandoned += found == worth::abandoned;
-            made_good += found == worth::whole;
+        enum { not_refused, made_good, abandoned, allows_more };
+        int counts[4] = {}, n = 1;
+        for (; n < 2000 && counts[not_refused] == 0; ++n) {
+            const int found = result_in_child([&] {
+                bool is_refused = false, is_loaded = false;
+                {
+                    const allocation_refusal refuse{n, "libjson-c.so"};
+                    is_loaded = zones_load() != 0;
+                    is_refused = refuse.happened();
+                }
+                if (ask() != want)
+                    return +allows_more;
+                return +(!is_refused ? not_refused : is_loaded ? made_good : abandoned);
+            });
+            EXPECT_NE(found, allows_more) << name << ", allocation " << n;
+            if (found >= 0) // no crash
+                ++counts[found];
         }
-        EXPECT_EQ(found, worth::not_refused) << name;
-        EXPECT_GT(made_good, 40) << name;
-        EXPECT_EQ(abandoned > 40, is_read_again) << name;
+        EXPECT_EQ(counts[not_refused], 1) << name;
+        EXPECT_GT(counts[made_good], 40) << name;
+        EXPECT_EQ(counts[abandoned] > 40, is_read_again) << name;
     }
 }
 
@@ -541,35 +480,4 @@ TEST_F(zones_test, what_errno_says_after_an_allocation_is_no_shortage)
     const misleading_errno enomem{ENOMEM};
     EXPECT_EQ(zones_load(), 1);
     EXPECT_EQ(may_reach(address), 1);
-}
-
-TEST_F(zones_test, a_file_that_is_read_again_is_logged_once)
-{
-    set_members("'n':{'type':'x','disabled':1},'n':{'type':'x','disabled':1}");
-    EXPECT_EQ(zones_load(), 1);
-    EXPECT_EQ(log(), warnings({"Invalid type for field disabled", "n parsing failed"}));
-}
-
-TEST_F(zones_test, only_a_file_with_equal_keys_or_a_long_number_is_read_again)
-{
-    const struct {
-        const char *members;
-        int reads;
-    } cases[] = {
-        {"'n':{'type':'port'}", 1},
-        {"/* comment */'n':{'type':'port','k\\u00e9y':\"\\ud83d\\ude00\\n\",},", 1},
-        {"'n':{'type':[1,null,-Infinity,NaN,0.5e-3,TRUE]}", 1},
-        {"'a name of more than thirty-one characters':{'type':'port'}", 1},
-        {"'n':{'type':'port'},'n':{'type':'port'}", 3},
-        {"'n':{'type':1234567890123456789012345678901234567890}", 3},
-    };
-    for (const auto &[members, reads] : cases) {
-        set_members(members);
-        int found = 0;
-        at_read = [&] { ++found; };
-        EXPECT_EQ(zones_load(), 1) << members;
-        at_read = nullptr;
-        EXPECT_EQ(found, reads) << members;
-    }
-    log();
 }

@@ -25,3 +25,7 @@ private:
 
     pid_t pid_;
 };
+
+/// What body gives in a child process, from 0 to 255; -1 if it crashes there, as json-c does where it has no memory for
+/// the copy of a key.
+int result_in_child(const std::function<int()> &body);
