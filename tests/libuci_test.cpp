@@ -12,6 +12,7 @@
 
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -235,6 +236,18 @@ TEST(libuci, a_torn_line_does_not_hide_that_the_others_are_in_place)
     EXPECT_TRUE(synced.change_lines[1].starts_with("t.s.a='new'\n#")) << synced.change_lines[1];
 }
 
+TEST(libuci, lines_that_are_in_the_file_already_are_not_applied_again)
+{
+    write_file(file, before);
+    struct stat status;
+    ASSERT_EQ(stat(file, &status), 0);
+    write_file(changes, "t.s.a='1'\n# in inode " + std::to_string(status.st_ino) + " of device " +
+                            std::to_string(status.st_dev) + "\nt.s.b='2'\n");
+    const loaded_package loaded{"t"};
+    EXPECT_EQ(loaded.text("a"), "old");
+    EXPECT_EQ(loaded.text("b"), "2");
+}
+
 TEST(libuci, the_folder_for_changes_is_made_from_wherever_the_daemon_is)
 {
     write_file(file, before);
@@ -262,7 +275,12 @@ TEST(libuci, a_disk_that_fails_loses_nothing)
         EXPECT_EQ(leftovers(), 0) << sync;
         EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK) << sync;
         EXPECT_EQ(read_file(file), after) << sync;
+        EXPECT_EQ(read_file(changes), "") << sync;
     }
+    write_file(file, "");
+    synced.left = 1;
+    EXPECT_EQ(commit({"t.s=x"}), UCI_ERR_IO);
+    EXPECT_TRUE(std::filesystem::exists(file));
 }
 
 TEST(libuci, a_file_that_can_not_be_replaced_stays_with_its_changes)
@@ -288,6 +306,21 @@ TEST(libuci, a_deleted_list_is_not_in_the_pointer_any_more)
     ASSERT_NE(ptr.o, nullptr);
     EXPECT_EQ(uci_delete(ctx.get(), &ptr), UCI_OK);
     EXPECT_EQ(ptr.o, nullptr);
+}
+
+TEST(libuci, names_that_are_missing_in_a_pointer_are_those_of_its_objects)
+{
+    write_file(file, before);
+    const loaded_package loaded{"t"};
+    uci_ptr ptr{};
+    ptr.p = loaded.package;
+    ptr.s = loaded.section;
+    EXPECT_EQ(uci_lookup_ptr(loaded.ctx.get(), &ptr, nullptr, false), UCI_OK);
+    EXPECT_STREQ(ptr.section, "s");
+    EXPECT_EQ(ptr.last, &loaded.section->e);
+    ptr.o = uci_lookup_option(loaded.ctx.get(), loaded.section, "a");
+    EXPECT_EQ(uci_delete(loaded.ctx.get(), &ptr), UCI_OK);
+    EXPECT_EQ(uci_lookup_section(loaded.ctx.get(), loaded.package, "s"), loaded.section);
 }
 
 TEST(libuci, a_file_that_can_not_be_locked_is_neither_read_nor_written)
@@ -336,6 +369,7 @@ TEST(libuci, what_is_wrong_in_a_file_is_told_with_its_place)
         {"\n package", "package without name) at line 1, byte 1"}, // its line has no end, and does not count
         {"config", "config without name) at line 0, byte 0"},
         {"config x\n\tlist", "option without name) at line 1, byte 1"},
+        {"package a.b\n", "invalid character in name field) at line 1, byte 12"},
         {"config x\n\toption \n", "insufficient arguments) at line 2, byte 9"},
         {"config 'a\0'\n"s, "NUL character) at line 1, byte 12"},
     };

@@ -255,7 +255,7 @@ TEST_F(util, directories_are_made_with_those_above)
     std::filesystem::current_path("/tmp");
     umask(027);
     const std::string longest = std::string(127, 'd') + '/' + std::string(127, 'd');
-    for (const char *path : {"a/b/c/", "/tmp/x", "a//e", longest.c_str()}) {
+    for (const char *path : {"a/b/c/", "/tmp/#", "a//e", longest.c_str()}) {
         EXPECT_EQ(mkdir_recursive(path, 0777), 1) << path;
         EXPECT_EQ(mode_of(path), 0750) << path;
     }
