@@ -2,8 +2,6 @@
 
 #include "uciconfig.h"
 
-#include <filesystem>
-
 namespace {
 
 constexpr char script[] = "/usr/share/vandrel/vd_features.lua";
@@ -61,16 +59,6 @@ TEST_F(features, answer_of_the_script_is_a_flag)
         EXPECT_EQ(config_get_feature_bool(feature, scope), want) << (feature ? feature : "null");
         EXPECT_EQ(log(), complaint(result)) << (feature ? feature : "null");
     }
-}
-
-TEST_F(features, without_the_script_every_feature_is_off)
-{
-    std::filesystem::remove(script);
-    char answer[] = "left";
-    EXPECT_EQ(config_get_feature_string(answer, sizeof answer, "on", nullptr), 1);
-    EXPECT_STREQ(answer, "");
-    EXPECT_EQ(config_get_feature_bool("on", nullptr), 0);
-    EXPECT_EQ(log(), complaint(1));
 }
 
 TEST_F(features, peer_type_of_a_name)

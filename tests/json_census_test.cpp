@@ -1,9 +1,9 @@
 // The census of a text, which no daemon sees: the library's own function, built into this program.
+#include "../src/handles.hpp"
 #include "../src/json_census.hpp"
 #include "../src/json_tree.hpp"
 #include "device_test.hpp"
 
-#include <memory>
 #include <ostream>
 
 using namespace vandrel;
@@ -21,18 +21,11 @@ static std::ostream &operator<<(std::ostream &out, const json_counts &counts)
 
 namespace {
 
-struct put {
-    void operator()(json_object *tree) const { json_object_put(tree); }
-};
-using tree = std::unique_ptr<json_object, put>;
-
 /// What json-c reads from the text alone, as from a file.
-tree parsed(std::string_view text)
+json_handle parsed(std::string_view text)
 {
-    json_tokener *tokener = json_tokener_new();
-    json_object *result = json_tokener_parse_ex(tokener, text.data(), static_cast<int>(text.size()));
-    json_tokener_free(tokener);
-    return tree{result};
+    const tokener_handle tokener{json_tokener_new()};
+    return json_handle{json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size()))};
 }
 
 json_counts counted(std::string_view text, std::size_t chunk_size = 1 << 20)

@@ -367,6 +367,13 @@ TEST(libuci, what_is_wrong_in_a_file_is_told_with_its_place)
     }
 }
 
+TEST(libuci, an_error_is_printed)
+{
+    testing::internal::CaptureStderr();
+    uci_perror(nullptr, "x");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "x: Invalid argument\n");
+}
+
 TEST(libuci, calls_without_what_they_need_are_refused)
 {
     write_file(file, before);
