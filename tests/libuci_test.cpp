@@ -244,6 +244,18 @@ TEST(libuci, lines_that_are_in_the_file_already_are_not_applied_again)
     EXPECT_EQ(loaded.text("b"), "2");
 }
 
+TEST(libuci, what_is_saved_begins_a_line_whatever_the_last_one_ends_with)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"t.s.b=1", "1"}, {"t.s.b=1\\", "1"}, {"t.s.b=1\\\n", "1"}, {"t.s.b=1\\\r\n", "1"}, {"t.s.b=1\\\r", "1\r"}};
+    for (const auto &[last, b] : cases) {
+        write_file(file, before);
+        write_file(changes, last);
+        EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK) << last;
+        EXPECT_EQ(read_file(file), "\nconfig x 's'\n\toption a 'new'\n\toption b '"s + b + "'\n\n") << last;
+    }
+}
+
 TEST(libuci, the_folder_for_changes_is_made_from_wherever_the_daemon_is)
 {
     write_file(file, before);
