@@ -259,6 +259,9 @@ TEST_F(uciconfig, ucierr_logs_libucis_words_behind_the_given_ones)
     ucierr(nullptr, none, 7);
     EXPECT_EQ(log(),
               failures({std::string(1022, '%') + ": Invalid argument", "7%: Invalid argument", "Invalid argument"}));
+    const allocation_refusal refuse{1, "libuci.so"};
+    ucierr(nullptr, "%d%%", 7);
+    EXPECT_EQ(log(), failures({"7%"}));
 }
 
 TEST_F(uciconfig, sections_are_added_in_memory)
