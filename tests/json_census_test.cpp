@@ -1,10 +1,13 @@
 // The census of a text, which no daemon sees: the library's own function, built into this program.
 #include "../src/handles.hpp"
 #include "../src/json_census.hpp"
+#include "../src/json_document.hpp"
 #include "../src/json_tree.hpp"
 #include "device_test.hpp"
 
 #include <ostream>
+
+#include <fcntl.h>
 
 using namespace vandrel;
 
@@ -134,6 +137,15 @@ TEST_F(device_test, the_census_knows_how_tables_grow)
     json_census census;
     census.read("[{'a':{'b':1}},{},");
     EXPECT_EQ(census.table_slots(), 48U);
+}
+
+TEST_F(device_test, a_document_ends_with_any_part_of_its_file)
+{
+    for (const std::size_t letters : {16382, 16383}) { // so that its last character is read with them, or alone
+        write_file("/tmp/file", '"' + std::string(letters, 'x') + '"');
+        const unique_fd file{open("/tmp/file", O_RDONLY | O_CLOEXEC)};
+        EXPECT_NE(parse_whole_json(file.get()), nullptr) << letters;
+    }
 }
 
 TEST_F(device_test, the_same_tree)

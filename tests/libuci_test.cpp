@@ -12,6 +12,7 @@
 
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -329,6 +330,23 @@ TEST(libuci, a_file_that_can_not_be_locked_is_neither_read_nor_written)
     EXPECT_EQ(read_file(file), before);
 }
 
+TEST(libuci, a_file_that_no_descriptor_is_left_for_is_not_missing)
+{
+    write_file(file, before);
+    const context ctx = new_context();
+    const rlimit none{0, 1024};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(uci_load(ctx.get(), "t", nullptr), UCI_ERR_IO);
+}
+
+TEST(libuci, a_commit_leaves_as_many_descriptors_as_there_were)
+{
+    write_file(file, before);
+    const int descriptors = open_descriptors();
+    EXPECT_EQ(commit({"t.s.a=new"}), UCI_OK);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
 TEST(libuci, descriptor_0_is_as_good_as_any)
 {
     write_file(file, before);
@@ -364,6 +382,7 @@ TEST(libuci, what_is_wrong_in_a_file_is_told_with_its_place)
         {"config", "config without name) at line 0, byte 0"},
         {"config x\n\tlist", "option without name) at line 1, byte 1"},
         {"package a.b\n", "invalid character in name field) at line 1, byte 12"},
+        {"config x\n\toption a.b", "invalid character in name field) at line 1, byte 11"},
         {"config x\n\toption \n", "insufficient arguments) at line 2, byte 9"},
         {"config 'a\0'\n"s, "NUL character) at line 1, byte 12"},
     };
