@@ -334,9 +334,10 @@ TEST(libuci, a_file_that_no_descriptor_is_left_for_is_not_missing)
 {
     write_file(file, before);
     const context ctx = new_context();
-    const rlimit none{0, 1024};
+    const rlimit none{0, 1024}, enough{1024, 1024};
     setrlimit(RLIMIT_NOFILE, &none);
     EXPECT_EQ(uci_load(ctx.get(), "t", nullptr), UCI_ERR_IO);
+    setrlimit(RLIMIT_NOFILE, &enough); // for the leak checker
 }
 
 TEST(libuci, a_commit_leaves_as_many_descriptors_as_there_were)
