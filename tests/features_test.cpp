@@ -11,7 +11,8 @@ protected:
     features()
     {
         write_script(script, R"(#!/usr/bin/lua5.4
-            local answers = {on = 'true\n', off = 'false\n', upper = 'True', like = 'trueish', near = 'trust', limited = 'true but limited'}
+            local answers = {on = 'true\n', off = 'false\n', upper = 'True', like = 'trueish', near = 'trust',
+                             limited = 'true but limited'}
             io.write(answers[arg[2]] or arg[1] .. '/' .. arg[2] .. '\n')
             os.exit(arg[2] == 'like' and arg[1] == 'fail' and 3 or 0))");
     }
