@@ -2,8 +2,6 @@
 
 #include "uciconfig.h"
 
-#include <filesystem>
-
 namespace {
 
 constexpr char script[] = "/usr/share/vandrel/vd_features.lua";
@@ -13,7 +11,8 @@ protected:
     features()
     {
         write_script(script, R"(#!/usr/bin/lua5.4
-            local answers = {on = 'true\n', off = 'false\n', upper = 'True', like = 'trueish', limited = 'true but limited'}
+            local answers = {on = 'true\n', off = 'false\n', upper = 'True', like = 'trueish', near = 'trust',
+                             limited = 'true but limited'}
             io.write(answers[arg[2]] or arg[1] .. '/' .. arg[2] .. '\n')
             os.exit(arg[2] == 'like' and arg[1] == 'fail' and 3 or 0))");
     }
@@ -54,22 +53,13 @@ TEST_F(features, answer_of_the_script_is_a_flag)
     const struct {
         const char *feature, *scope;
         int result, want; // of the text, and of the flag
-    } cases[] = {{"on", nullptr, 0, 1}, {"off", nullptr, 0, 0}, {"upper", "x", 0, 0}, {"limited", "x", 2, 1},
-                 {"like", "x", 0, 1},   {"like", "fail", 1, 1}, {"x", nullptr, 2, 0}, {nullptr, "x", -1, 0}};
+    } cases[] = {{"on", nullptr, 0, 1},  {"off", nullptr, 0, 0}, {"upper", "x", 0, 0},
+                 {"limited", "x", 2, 1}, {"like", "x", 0, 1},    {"like", "fail", 1, 1},
+                 {"x", nullptr, 2, 0},   {nullptr, "x", -1, 0},  {"near", "x", 0, 0}};
     for (const auto &[feature, scope, result, want] : cases) {
         EXPECT_EQ(config_get_feature_bool(feature, scope), want) << (feature ? feature : "null");
         EXPECT_EQ(log(), complaint(result)) << (feature ? feature : "null");
     }
-}
-
-TEST_F(features, without_the_script_every_feature_is_off)
-{
-    std::filesystem::remove(script);
-    char answer[] = "left";
-    EXPECT_EQ(config_get_feature_string(answer, sizeof answer, "on", nullptr), 1);
-    EXPECT_STREQ(answer, "");
-    EXPECT_EQ(config_get_feature_bool("on", nullptr), 0);
-    EXPECT_EQ(log(), complaint(1));
 }
 
 TEST_F(features, peer_type_of_a_name)

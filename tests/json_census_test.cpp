@@ -1,10 +1,13 @@
 // The census of a text, which no daemon sees: the library's own function, built into this program.
+#include "../src/handles.hpp"
 #include "../src/json_census.hpp"
+#include "../src/json_document.hpp"
 #include "../src/json_tree.hpp"
 #include "device_test.hpp"
 
-#include <memory>
 #include <ostream>
+
+#include <fcntl.h>
 
 using namespace vandrel;
 
@@ -21,18 +24,11 @@ static std::ostream &operator<<(std::ostream &out, const json_counts &counts)
 
 namespace {
 
-struct put {
-    void operator()(json_object *tree) const { json_object_put(tree); }
-};
-using tree = std::unique_ptr<json_object, put>;
-
 /// What json-c reads from the text alone, as from a file.
-tree parsed(std::string_view text)
+json_handle parsed(std::string_view text)
 {
-    json_tokener *tokener = json_tokener_new();
-    json_object *result = json_tokener_parse_ex(tokener, text.data(), static_cast<int>(text.size()));
-    json_tokener_free(tokener);
-    return tree{result};
+    const tokener_handle tokener{json_tokener_new()};
+    return json_handle{json_tokener_parse_ex(tokener.get(), text.data(), static_cast<int>(text.size()))};
 }
 
 json_counts counted(std::string_view text, std::size_t chunk_size = 1 << 20)
@@ -109,19 +105,22 @@ TEST_F(device_test, the_census_stops_where_json_c_stops)
 {
     using namespace std::literals;
     const std::string_view cases[] = {
-        "[1 2",         "[1}",   "{]",         "{a",       "{'a',",  "{'a' 1,",  "{'a':}",  "[nux,",
-        "[nax,",        "[txe,", "[fax,",      "[infx,",   "[-x,",   "[1x,",     "[1..2,",  "[1ee2,",
-        "[1e5.,",       "[--1,", "[+1,",       "[/x,",     "['\\x,", "['\\u00g", "['\\u00g0',/*", "['\\'',", "['\\ud83d'",
-        "['\\ud83d\\x", "[\0"sv, "{'a\0':["sv, "/*\0/["sv, "[1-,",
+        "[1 2",       "[1}",          "{]",         "{a",           "{'a',",       "{'a' 1,",       "{'a':}",
+        "[nxull,",    "[nuxl,",       "[nax,",      "[txe,",        "[fax,",       "[infx,",        "[-x,",
+        "[1x,",       "[1..2,",       "[1ee2,",     "[1e5.,",       "[--1,",       "[+1,",          "[/x,",
+        "['\\xn',",   "['\\X',",      "['\\\0',"sv, "['\\u00g00',", "['\\u00`0',", "['\\u00g0',/*", "['\\'',",
+        "['\\ud83d'", "['\\ud83d\\x", "[\0"sv,      "{'a\0':["sv,   "/*\0/["sv,    "[1-,",
     };
     for (const std::string_view text : cases) {
-        const std::string continued = std::string{text} + "'a'*/[],{}]";
-        EXPECT_EQ(parsed(continued), nullptr) << text;
-        EXPECT_EQ(counted(continued).objects, counted(text).objects) << text;
-        EXPECT_EQ(counted(continued).arrays, counted(text).arrays) << text;
+        for (const char *rest : {"[],{}]", "'a'*/[],{}]"}) {
+            const std::string continued = std::string{text} + rest;
+            EXPECT_EQ(parsed(continued), nullptr) << continued;
+            EXPECT_EQ(counted(continued).objects, counted(text).objects) << continued;
+            EXPECT_EQ(counted(continued).arrays, counted(text).arrays) << continued;
+        }
     }
     EXPECT_EQ(parsed(nested(33)), nullptr);
-    EXPECT_EQ(counted(nested(33)).arrays, 32U);
+    EXPECT_EQ(counted(std::string(33, '[') + "],[").arrays, 32U);
 }
 
 TEST_F(device_test, the_census_knows_how_tables_grow)
@@ -140,6 +139,15 @@ TEST_F(device_test, the_census_knows_how_tables_grow)
     EXPECT_EQ(census.table_slots(), 48U);
 }
 
+TEST_F(device_test, a_document_ends_with_any_part_of_its_file)
+{
+    for (const std::size_t letters : {16382, 16383}) { // so that its last character is read with them, or alone
+        write_file("/tmp/file", '"' + std::string(letters, 'x') + '"');
+        const unique_fd file{open("/tmp/file", O_RDONLY | O_CLOEXEC)};
+        EXPECT_NE(parse_whole_json(file.get()), nullptr) << letters;
+    }
+}
+
 TEST_F(device_test, the_same_tree)
 {
     const struct {
@@ -152,16 +160,12 @@ TEST_F(device_test, the_same_tree)
         {"{'a':1}", "{'a':1,'b':1}", false},
         {"{'a':1,'b':1}", "{'a':1}", false},
         {"{'a':1}", "{'a':2}", false},
-        {"{'a':null}", "{'a':0}", false},
-        {"{'a':{'b':1}}", "{'a':{'b':2}}", false},
         {"[1,2]", "[1]", false},
         {"[1]", "[1,2]", false},
         {"[1,2]", "[1,3]", false},
         {"['1']", "[1]", false},
         {"['a']", "['b']", false},
-        {"[true]", "[false]", false},
         {"[1.0]", "[1.00]", false},
-        {"[]", "{}", false},
         {"null ", "[]", false},
         {"null ", "null ", true},
     };

@@ -155,6 +155,8 @@ TEST_F(logging, refused_memory_costs_at_most_the_record_or_a_tag)
         else
             EXPECT_EQ(result, -2) << n;
     }
+    const allocation_refusal no_record{1, "libevtlog"};
+    EXPECT_EQ(log_through(libvandrel_logcontext, "text"), -3);
 }
 
 TEST_F(logging, context_without_memory_is_none_or_one_that_cannot_log)

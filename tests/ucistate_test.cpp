@@ -94,21 +94,6 @@ TEST_F(ucistate, what_can_not_be_set_gives_libucis_code)
     EXPECT_EQ(log(), records{});
 }
 
-TEST_F(ucistate, each_loader_loads_its_package)
-{
-    write_file(file, "");
-    write_file("/etc/config/network", "");
-    const std::pair<int (*)(uci_context **, uci_package **), const char *> loaders[] = {
-        {state_load_vandrel, "vandrel"}, {state_load_network, "network"}};
-    for (const auto &[load_package, name] : loaders) {
-        EXPECT_EQ(load_package(&ctx, &package), 0);
-        EXPECT_STREQ(package->e.name, name);
-        EXPECT_STREQ(ctx->savedir, "/var/state");
-        uci_free_context(ctx);
-        ctx = nullptr;
-    }
-}
-
 TEST_F(ucistate, a_failed_load_leaves_the_outputs_as_they_were)
 {
     auto *const no_context = ctx = reinterpret_cast<uci_context *>(this);

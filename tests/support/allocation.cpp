@@ -106,6 +106,15 @@ REFUSABLE(char *, strdup, (const char *text), (text), nullptr)
 REFUSABLE(char *, strndup, (const char *text, std::size_t size), (text, size), nullptr)
 REFUSABLE(int, vasprintf, (char **text, const char *format, va_list args), (text, format, args), -1)
 
+int asprintf(char **text, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int length = is_refused(CALLER) ? -1 : next_vasprintf(text, format, args);
+    va_end(args);
+    return length;
+}
+
 #ifndef WITH_ADDRESS_SANITIZER
 std::size_t __sanitizer_get_current_allocated_bytes()
 {
