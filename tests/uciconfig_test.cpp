@@ -430,6 +430,16 @@ TEST_F(uciconfig, one_call_sets_or_deletes_saves_and_commits)
     EXPECT_EQ(log(), failures({"Failed loading package no%s: Entry not found", "loading no%s.settings failed"}));
 }
 
+TEST_F(uciconfig, one_call_for_the_own_settings)
+{
+    write_file(settings, "config a settings\n");
+    EXPECT_EQ(config_set_vandrel_setting_string("foo", "bar"), 0);
+    EXPECT_EQ(taken(config_get_setting("foo")), "bar");
+    EXPECT_EQ(config_set_vandrel_setting_string("foo", nullptr), 0);
+    EXPECT_EQ(config_get_setting("foo"), nullptr);
+    EXPECT_EQ(config_set_vandrel_setting_string("foo", nullptr), 2);
+}
+
 TEST_F(uciconfig, a_deletion_that_libuci_does_not_make_is_reported)
 {
     write_file(settings, "config a settings\n option a b\n");
@@ -446,24 +456,46 @@ TEST_F(uciconfig, a_deletion_that_libuci_does_not_make_is_reported)
     EXPECT_EQ(taken(config_get_setting("a")), "b");
 }
 
-TEST_F(uciconfig, what_can_not_be_written_is_reported_and_what_was_saved_stays)
-{
-    const std::string file = "config a settings\n\toption a b\n\toption key k\n";
-    write_file(settings, file);
-    const auto expect_failures = [&](const std::string &message) {
-        EXPECT_EQ(config_set_vandrel_setting_string("a", "1"), 1);
-        EXPECT_EQ(log(), failures({message, "failed"}));
+/// Every setter that writes: its result, and what it logs when the file can't be written.
+class unwritable : public uciconfig {
+protected:
+    void expect_failures(const std::string &message)
+    {
+        const records told = failures({message, "failed"});
+        ASSERT_EQ(config_load(&ctx, &package, &section), 0);
+        EXPECT_EQ(config_set_string(ctx, package, section, "a", "1", true), 1);
+        EXPECT_EQ(log(), told);
+        free_context();
+        ASSERT_EQ(config_load(&ctx, &package, &section), 0);
+        EXPECT_EQ(uci_set_section_option(ctx, package, "a", "key", "k", "a", "2", true), 1);
+        EXPECT_EQ(log(), told);
+        EXPECT_EQ(config_set_section_setting_string("vandrel", "settings", "a", "3"), 1);
+        EXPECT_EQ(log(), told);
+        EXPECT_EQ(config_set_vandrel_setting_string("a", "4"), 1);
+        EXPECT_EQ(log(), told);
         EXPECT_EQ(config_set_vandrel_setting_string("a", nullptr), 1);
         EXPECT_EQ(log(), records{});
         EXPECT_EQ(read_file(settings), file);
-    };
+    }
+
+    const std::string file = "config a settings\n\toption a b\n\toption key k\n";
+};
+
+TEST_F(unwritable, a_save_that_fails_is_reported_as_failed)
+{
+    write_file(settings, file);
     write_file("/tmp/.uci", "no folder");
     expect_failures("Save failed: I/O error");
-    std::filesystem::remove("/tmp/.uci");
+}
+
+TEST_F(unwritable, a_commit_that_fails_is_reported_as_failed_and_what_was_saved_stays)
+{
+    write_file(settings, file);
     ASSERT_EQ(mount("/etc/config", "/etc/config", "", MS_BIND, nullptr), 0);
     ASSERT_EQ(mount("", "/etc/config", "", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
     expect_failures("Commit failed: I/O error");
-    EXPECT_EQ(read_file(changes), "vandrel.settings.a='1'\n-vandrel.settings.a\n");
+    EXPECT_EQ(read_file(changes), "vandrel.settings.a='1'\nvandrel.settings.a='2'\nvandrel.settings.a='3'\n"
+                                  "vandrel.settings.a='4'\n-vandrel.settings.a\n");
 }
 
 TEST_F(uciconfig, changes_that_may_not_be_read_are_passed_over_by_lookups_and_kept)
