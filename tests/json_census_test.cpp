@@ -55,13 +55,13 @@ TEST_F(device_test, a_text_counts_as_its_tree)
     } cases[] = {
         {"{}", {1}},
         {" \t\r\n[]", {0, 1}},
-        {"[{},[],'a',1,null]", {1, 2, 1, 1, 1, 0, 1}},
+        {"[{},[2],'a',1,null]", {1, 2, 1, 2, 1, 0, 1}},
         {R"({"a":{"bc":[]},"d":null})", {2, 1, 0, 0, 1, 3, 4}},
         {R"({'a':"'#",})", {1, 0, 1, 0, 0, 1, 3}},
         {"[1,]", {0, 1, 0, 1}},
         {"[[1],2]", {0, 2, 0, 2}},
         {"[1,-2,3.5,1e5,1E-5,2e+5,1e,-0.,12]", {0, 1, 0, 9}},
-        {"[true,TRUE,false,False,null,NULL]", {0, 1, 0, 4, 2}},
+        {"[true,TRUE,false,FALSE,null,NULL]", {0, 1, 0, 4, 2}},
         {"[NaN,nan,Infinity,infinity,-Infinity,-INFINITY]", {0, 1, 0, 6}},
         {"/* { */[/**///\n1/*,2*/,//3\n4] ", {0, 1, 0, 2}},
         {"[1]]", {0, 1, 0, 1}}, // behind the first value nothing counts
