@@ -172,3 +172,20 @@ TEST_F(device_test, the_same_tree)
     for (const auto &[one, other, is_same] : cases)
         EXPECT_EQ(is_same_tree(parsed(one).get(), parsed(other).get()), is_same) << one << other;
 }
+
+TEST_F(device_test, trees_without_memory_to_compare_them_are_neither)
+{
+    int refused = 0;
+    for (bool happened = true; happened; refused += happened) {
+        const auto one = parsed("[1]"), other = parsed("[1]");
+        const allocation_refusal refuse{refused + 1, "libjson-c.so"};
+        try {
+            EXPECT_TRUE(is_same_tree(one.get(), other.get())) << refused;
+            happened = refuse.happened();
+            EXPECT_FALSE(happened) << refused;
+        } catch (const std::bad_alloc &) {
+            EXPECT_TRUE(refuse.happened()) << refused;
+        }
+    }
+    EXPECT_GE(refused, 2) << "of each side";
+}
