@@ -141,7 +141,7 @@ TEST_F(device_test, the_census_knows_how_tables_grow)
 
 TEST_F(device_test, a_document_ends_with_any_part_of_its_file)
 {
-    for (const std::size_t letters : {16382, 16383}) { // so that its last character is read with them, or alone
+    for (const std::size_t letters : {16382U, 16383U}) { // so that its last character is read with them, or alone
         write_file("/tmp/file", '"' + std::string(letters, 'x') + '"');
         const unique_fd file{open("/tmp/file", O_RDONLY | O_CLOEXEC)};
         EXPECT_NE(parse_whole_json(file.get()), nullptr) << letters;
