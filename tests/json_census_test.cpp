@@ -63,7 +63,7 @@ TEST_F(device_test, a_text_counts_as_its_tree)
         {"[1,-2,3.5,1e5,1E-5,2e+5,1e,-0.,12]", {0, 1, 0, 9}},
         {"[true,TRUE,false,FALSE,null,NULL]", {0, 1, 0, 4, 2}},
         {"[NaN,nan,Infinity,infinity,-Infinity,-INFINITY]", {0, 1, 0, 6}},
-        {"/* { */[/**///\n1/*,2*/,//3\n4] ", {0, 1, 0, 2}},
+        {"/* {/ */[/**///\n1/*,2*/,//3\n4] ", {0, 1, 0, 2}},
         {"[1]]", {0, 1, 0, 1}}, // behind the first value nothing counts
         {"{}{'a':1}", {1}},
         {"{} x", {1}},
